@@ -1,0 +1,82 @@
+# One helper per kind of target, so warnings, sanitizers and include paths are set once.
+
+# GCC 12 reports maybe-uninitialized falsely for std::optional of scalars at -O2.
+set(TESSARIN_WARNINGS -Wall -Wextra -Wpedantic -Wno-maybe-uninitialized)
+if(TESSARIN_WERROR)
+  list(APPEND TESSARIN_WARNINGS -Werror)
+endif()
+
+if(TESSARIN_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(TESSARIN_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT TESSARIN_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "TESSARIN_SANITIZE must be empty, 'address' or 'thread'")
+endif()
+
+function(_tessarin_common target)
+  target_compile_options(${target} PRIVATE ${TESSARIN_WARNINGS})
+  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR})
+endfunction()
+
+# tessarin_add_library(NAME SOURCES ... DEPS ...)
+function(tessarin_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  _tessarin_common(${name})
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+endfunction()
+
+# tessarin_add_executable(NAME OUTPUT_NAME SOURCES ... DEPS ...)
+function(tessarin_add_executable name)
+  cmake_parse_arguments(ARG "" "OUTPUT_NAME" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  _tessarin_common(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+  if(ARG_OUTPUT_NAME)
+    set_target_properties(${name} PROPERTIES OUTPUT_NAME ${ARG_OUTPUT_NAME})
+  endif()
+endfunction()
+
+# tessarin_add_test(NAME SOURCES ... DEPS ... LABELS ... [TIMEOUT seconds])
+# One executable per area; every gtest case becomes its own CTest test.
+function(tessarin_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  _tessarin_common(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest GTest::gtest_main)
+  target_compile_definitions(${name} PRIVATE
+    TESSARIN_HELPER_DIR="${TESSARIN_HELPER_DIR}"
+    TESSARIN_TEST_CACHE_DIR="${CMAKE_BINARY_DIR}/test-media"
+    TESSARIN_BIN_DIR="${CMAKE_BINARY_DIR}/bin")
+  gtest_discover_tests(${name}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
+    ENVIRONMENT "CONVERTER_TOOLS_DIR=${TESSARIN_HELPER_DIR}")
+endfunction()
+
+# tessarin_add_bench(NAME SOURCES ... DEPS ...)
+function(tessarin_add_bench name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  _tessarin_common(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} benchmark::benchmark)
+endfunction()
+
+# Places links to the distribution's ffmpeg, ffprobe and gifsicle in the helper folder,
+# where an installed copy keeps them beside the program.
+function(tessarin_link_helper_tools)
+  file(MAKE_DIRECTORY ${TESSARIN_HELPER_DIR})
+  foreach(tool ffmpeg ffprobe gifsicle)
+    find_program(TESSARIN_${tool}_PATH ${tool} PATHS /usr/bin NO_DEFAULT_PATH)
+    if(NOT TESSARIN_${tool}_PATH)
+      message(FATAL_ERROR "${tool} not found in /usr/bin: run scripts/setup.sh")
+    endif()
+    file(CREATE_LINK ${TESSARIN_${tool}_PATH} ${TESSARIN_HELPER_DIR}/${tool} SYMBOLIC)
+  endforeach()
+endfunction()

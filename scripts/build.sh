@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Configures and builds one tree: scripts/build.sh [release|asan|tsan] [ninja targets...]
+# Prints nothing but errors; the tree is build/<kind>.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+kind="${1:-release}"
+shift || true
+
+"$root/scripts/setup.sh"
+
+case "$kind" in
+  release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
+  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTESSARIN_SANITIZE=address -DTESSARIN_WERROR=ON) ;;
+  tsan) options=(-DCMAKE_BUILD_TYPE=Debug -DTESSARIN_SANITIZE=thread -DTESSARIN_WERROR=ON
+                 -DTESSARIN_BUILD_BENCH=OFF) ;;
+  *) echo "usage: scripts/build.sh [release|asan|tsan] [targets...]" >&2; exit 2 ;;
+esac
+
+tree="$root/build/$kind"
+if [[ ! -f "$tree/build.ninja" ]]; then
+  cmake -S "$root" -B "$tree" -G Ninja "${options[@]}" >/dev/null
+fi
+ninja -C "$tree" -j2 "$@" >"$tree.log" 2>&1 || { tail -60 "$tree.log" >&2; exit 1; }

@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# The whole test suite: every test under AddressSanitizer + UndefinedBehaviorSanitizer (warnings
+# as errors), then the concurrency tests again under ThreadSanitizer.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+start=$SECONDS
+
+echo "== build (ASan+UBSan)"
+"$root/scripts/build.sh" asan
+echo "== tests (ASan+UBSan)"
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+ctest --test-dir "$root/build/asan" -j2 --output-on-failure --timeout 180 </dev/null
+
+echo "== build (TSan)"
+"$root/scripts/build.sh" tsan
+echo "== concurrency tests (TSan)"
+# TSan's shadow memory layout needs the address space without the kernel's high-entropy ASLR.
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+setarch "$(uname -m)" -R ctest --test-dir "$root/build/tsan" -L concurrency -j2 \
+  --output-on-failure --timeout 180 </dev/null
+
+echo "== all tests passed in $((SECONDS - start)) s"
