@@ -56,8 +56,15 @@ function(tessarin_add_test name)
     TESSARIN_BIN_DIR="${CMAKE_BINARY_DIR}/bin")
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
-    PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT}
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT}
     ENVIRONMENT "CONVERTER_TOOLS_DIR=${TESSARIN_HELPER_DIR}")
+  # PROPERTIES splits a list of labels into separate words, so labels are set after discovery.
+  set(labels_file ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+  file(WRITE ${labels_file}
+    "if(${name}_TESTS)\n"
+    "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\n"
+    "endif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_file})
 endfunction()
 
 # tessarin_add_bench(NAME SOURCES ... DEPS ...)

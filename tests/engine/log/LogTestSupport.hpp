@@ -1,0 +1,68 @@
+// A private folder per test for the file log, with the journal switched off so that test lines
+// stay out of the machine's journal.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "engine/log/Log.hpp"
+
+namespace tessarin::engine {
+
+class LogFileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "tessarin-log-XXXXXX");
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        folder_ = pattern;
+        logFile_ = folder_ / "tessarin.log";
+        setJournalSinkEnabled(false);
+        setLogFileForTesting(logFile_);
+    }
+
+    void TearDown() override {
+        setLogFileForTesting(std::nullopt);
+        setJournalSinkEnabled(true);
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+
+    static std::string readFile(const std::filesystem::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    // The file's lines without their line breaks; fails the test if the last one is unfinished.
+    static std::vector<std::string> readLines(const std::filesystem::path& path) {
+        const std::string text = readFile(path);
+        std::vector<std::string> lines;
+        std::size_t begin = 0;
+        for (std::size_t end = text.find('\n'); end != std::string::npos;
+             end = text.find('\n', begin)) {
+            lines.push_back(text.substr(begin, end - begin));
+            begin = end + 1;
+        }
+        EXPECT_EQ(begin, text.size()) << "unfinished last line in " << path;
+        return lines;
+    }
+
+    // "<UTC time> <pid> <level> <subsystem> <category>: <message>"
+    static bool isWholeLine(const std::string& line) {
+        static const std::regex shape(
+            R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z \d+ (debug|info|notice|error) )"
+            R"(com\.tessarin\.\S+ \S+: .*)");
+        return std::regex_match(line, shape);
+    }
+
+    std::filesystem::path folder_;
+    std::filesystem::path logFile_;
+};
+
+}  // namespace tessarin::engine
