@@ -1,0 +1,68 @@
+// Small shell scripts that stand in for tools in process tests, and the temporary folders
+// that hold them. Test-only; not thread-safe beyond what the functions say.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tessarin::test {
+
+// A fresh folder under the system's temporary directory, removed with everything in it when
+// the object goes.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    [[nodiscard]] std::filesystem::path operator/(std::string_view name) const {
+        return path_ / name;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Writes "#!/bin/sh" and `body` to `folder/name`, mode 0755; returns the path.
+std::filesystem::path writeScript(const std::filesystem::path& folder, std::string_view name,
+                                  std::string_view body);
+
+// Writes `content` to `path` with the given mode.
+void writeFile(const std::filesystem::path& path, std::string_view content, int mode = 0644);
+
+// Waits for `path` to exist and hold a full line (a writer finished it); false at `limit`.
+[[nodiscard]] bool waitForLine(const std::filesystem::path& path,
+                               std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+// The first line of `path` as a process id.
+[[nodiscard]] std::optional<pid_t> readPid(const std::filesystem::path& path);
+
+// True while `pid` exists and is not a zombie.
+[[nodiscard]] bool isRunning(pid_t pid);
+
+// Waits until `pid` is gone or a zombie; false at `limit`.
+[[nodiscard]] bool waitUntilGone(pid_t pid,
+                                 std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+// Kills `pid` with SIGKILL when it goes out of scope, if it is still running; for daemons a
+// test starts on purpose.
+class KillOnExit {
+public:
+    explicit KillOnExit(std::optional<pid_t> pid = std::nullopt) : pid_(pid) {}
+    ~KillOnExit();
+    KillOnExit(const KillOnExit&) = delete;
+    KillOnExit& operator=(const KillOnExit&) = delete;
+    void reset(std::optional<pid_t> pid) { pid_ = pid; }
+
+private:
+    std::optional<pid_t> pid_;
+};
+
+}  // namespace tessarin::test
