@@ -1,0 +1,56 @@
+// Tiny media files for tests, generated on demand with the helper folder's ffmpeg from lavfi
+// sources and cached in the build tree by recipe, so a clip is made once per build tree.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace tessarin::test {
+
+enum class TestClip {
+    h264Aac,         // MP4, H.264 160x120 10 fps + AAC, 1 s
+    h264NoAudio,     // MP4, H.264 only
+    h264Opus,        // MKV, H.264 + Opus
+    vp9Opus,         // WebM, VP9 + Opus
+    hevc,            // MP4, H.265 + AAC
+    av1,             // MP4, AV1 (SVT-AV1) + AAC
+    tenBit,          // MP4, H.264 10-bit 4:2:0, SDR
+    coverArtAudio,   // M4A, AAC whose only video stream is an attached PNG picture
+    chapters,        // MP4 with three titled chapters, 3 s
+    oddDimensions,   // MP4, 321x241
+    offsetTimeline,  // MPEG-TS whose timeline starts at 10 s
+};
+
+// The path of the clip, generating it first if the cache doesn't hold it. Safe from several
+// threads and processes: a clip is written under a temporary name and renamed into place.
+// Aborts the test (ADD_FAILURE + throw) when ffmpeg fails.
+[[nodiscard]] std::filesystem::path testClip(TestClip clip);
+
+// A clip from a custom recipe: `ffmpegArguments` are the arguments between "-y -nostdin -v
+// error" and the output path. `name` ends with the extension the output should have. Cached by
+// the recipe's hash.
+[[nodiscard]] std::filesystem::path makeClip(const std::string& name,
+                                             const std::vector<std::string>& ffmpegArguments);
+
+// The helper folder of this build (ffmpeg, ffprobe, gifsicle).
+[[nodiscard]] std::filesystem::path helperDirectory();
+
+// A private temporary folder, removed with everything in it when the value goes away.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+    [[nodiscard]] std::filesystem::path operator/(const std::string& name) const {
+        return path_ / name;
+    }
+
+private:
+    std::filesystem::path path_;
+};
+
+}  // namespace tessarin::test
