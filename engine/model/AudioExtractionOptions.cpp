@@ -15,8 +15,8 @@ std::string_view rawValue(AudioExtractionCodec codec) {
 }
 
 std::optional<AudioExtractionCodec> audioExtractionCodecFromRawValue(std::string_view raw) {
-    for (AudioExtractionCodec codec : {AudioExtractionCodec::aac, AudioExtractionCodec::pcmS16LE,
-                                       AudioExtractionCodec::flac}) {
+    for (AudioExtractionCodec codec :
+         {AudioExtractionCodec::aac, AudioExtractionCodec::pcmS16LE, AudioExtractionCodec::flac}) {
         if (rawValue(codec) == raw) {
             return codec;
         }

@@ -32,8 +32,8 @@ public:
     [[nodiscard]] const char* what() const noexcept override { return stderrTail.c_str(); }
 
     bool operator==(const JobFailure& other) const {
-        return step == other.step && exitCode == other.exitCode &&
-               stderrTail == other.stderrTail && wasCancelled == other.wasCancelled;
+        return step == other.step && exitCode == other.exitCode && stderrTail == other.stderrTail &&
+               wasCancelled == other.wasCancelled;
     }
 
     std::string step;

@@ -70,7 +70,9 @@ const std::array<Preset, 10>& table() {
 
 }  // namespace
 
-std::span<const Preset> Preset::builtins() { return table(); }
+std::span<const Preset> Preset::builtins() {
+    return table();
+}
 
 const Preset* Preset::builtin(std::string_view id) {
     for (const Preset& preset : table()) {
@@ -81,15 +83,35 @@ const Preset* Preset::builtin(std::string_view id) {
     return nullptr;
 }
 
-const Preset& Preset::mp4H264() { return table()[0]; }
-const Preset& Preset::mp4H264Half() { return table()[1]; }
-const Preset& Preset::mp4H265() { return table()[2]; }
-const Preset& Preset::mp4H265Half() { return table()[3]; }
-const Preset& Preset::gifSmall() { return table()[4]; }
-const Preset& Preset::gifFull() { return table()[5]; }
-const Preset& Preset::mp4AV1() { return table()[6]; }
-const Preset& Preset::webmVP9() { return table()[7]; }
-const Preset& Preset::mp4H264Hardware() { return table()[8]; }
-const Preset& Preset::mp4H265Hardware() { return table()[9]; }
+const Preset& Preset::mp4H264() {
+    return table()[0];
+}
+const Preset& Preset::mp4H264Half() {
+    return table()[1];
+}
+const Preset& Preset::mp4H265() {
+    return table()[2];
+}
+const Preset& Preset::mp4H265Half() {
+    return table()[3];
+}
+const Preset& Preset::gifSmall() {
+    return table()[4];
+}
+const Preset& Preset::gifFull() {
+    return table()[5];
+}
+const Preset& Preset::mp4AV1() {
+    return table()[6];
+}
+const Preset& Preset::webmVP9() {
+    return table()[7];
+}
+const Preset& Preset::mp4H264Hardware() {
+    return table()[8];
+}
+const Preset& Preset::mp4H265Hardware() {
+    return table()[9];
+}
 
 }  // namespace tessarin::engine

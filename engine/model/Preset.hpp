@@ -76,8 +76,8 @@ struct GifLossy {
 struct ConversionOptions {
     OutputFormat format;
     Scale scale;
-    std::optional<int> fps;  // absent: the source's rate, or 10 for GIF
-    std::optional<int> crf;  // absent: the codec's default quality; ignored for GIF
+    std::optional<int> fps;         // absent: the source's rate, or 10 for GIF
+    std::optional<int> crf;         // absent: the codec's default quality; ignored for GIF
     std::string preset = "medium";  // libx264/libx265 speed preset
     Trim trim;
     std::string dither = "sierra2_4a";  // paletteuse dither, GIF only

@@ -68,16 +68,16 @@ std::optional<JobFailure> validateTrim(const std::optional<std::string>& start,
     if (endSeconds) {
         const bool empty = startSeconds ? *startSeconds >= *endSeconds : *endSeconds <= 0;
         if (empty) {
-            return JobFailure::sentence(
-                "trim", "Trim start (" + (start ? *start : std::string("0")) +
-                            ") is at or after trim end (" + *end + ") — the range selects nothing.");
+            return JobFailure::sentence("trim", "Trim start (" +
+                                                    (start ? *start : std::string("0")) +
+                                                    ") is at or after trim end (" + *end +
+                                                    ") — the range selects nothing.");
         }
     }
     if (duration && *duration > 0 && startSeconds && *startSeconds >= *duration) {
-        return JobFailure::sentence("trim", "Trim start (" + *start +
-                                                ") is at or past the source duration (" +
-                                                formatSeconds(*duration) +
-                                                ") — the range selects no frames.");
+        return JobFailure::sentence(
+            "trim", "Trim start (" + *start + ") is at or past the source duration (" +
+                        formatSeconds(*duration) + ") — the range selects no frames.");
     }
     return std::nullopt;
 }

@@ -19,11 +19,15 @@ constexpr std::array<CodecRow, 6> kCodecRows = {{
     {VideoCodec::hevcVT, "hevc_videotoolbox", 50},
 }};
 
-const CodecRow& row(VideoCodec codec) { return kCodecRows[static_cast<std::size_t>(codec)]; }
+const CodecRow& row(VideoCodec codec) {
+    return kCodecRows[static_cast<std::size_t>(codec)];
+}
 
 }  // namespace
 
-std::string_view rawValue(VideoCodec codec) { return row(codec).raw; }
+std::string_view rawValue(VideoCodec codec) {
+    return row(codec).raw;
+}
 
 std::optional<VideoCodec> videoCodecFromRawValue(std::string_view raw) {
     for (const CodecRow& candidate : kCodecRows) {
@@ -34,7 +38,9 @@ std::optional<VideoCodec> videoCodecFromRawValue(std::string_view raw) {
     return std::nullopt;
 }
 
-int defaultQuality(VideoCodec codec) { return row(codec).quality; }
+int defaultQuality(VideoCodec codec) {
+    return row(codec).quality;
+}
 
 bool isHardware(VideoCodec codec) {
     return codec == VideoCodec::h264VT || codec == VideoCodec::hevcVT;

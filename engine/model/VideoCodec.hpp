@@ -10,8 +10,8 @@ namespace tessarin::engine {
 enum class VideoCodec { h264, h265, av1, vp9, h264VT, hevcVT };
 
 inline constexpr std::array<VideoCodec, 6> kAllVideoCodecs = {
-    VideoCodec::h264,  VideoCodec::h265,   VideoCodec::av1,
-    VideoCodec::vp9,   VideoCodec::h264VT, VideoCodec::hevcVT,
+    VideoCodec::h264, VideoCodec::h265,   VideoCodec::av1,
+    VideoCodec::vp9,  VideoCodec::h264VT, VideoCodec::hevcVT,
 };
 
 // The ffmpeg encoder name ("libx264"...). The two hardware cases keep their historical raw
