@@ -1,0 +1,37 @@
+// Scratch folders and fake ffmpeg/ffprobe executables for the encoder tests.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+namespace tessarin::test {
+
+// A fresh folder under the temporary directory, removed with everything in it.
+class ScratchFolder {
+public:
+    ScratchFolder();
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder&) = delete;
+    ScratchFolder& operator=(const ScratchFolder&) = delete;
+
+    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+// Behaviour lines for FakeMediaTool: a healthy tool named `name` at `version`.
+[[nodiscard]] std::string healthyBehaviour(const std::string& name,
+                                           const std::string& version = "6.1.1");
+
+// Copies the fake tool to `folder/fileName` (mode 0755) with `behaviour` beside it.
+std::filesystem::path installFakeTool(const std::filesystem::path& folder,
+                                      const std::string& fileName, const std::string& behaviour);
+
+// Rewrites the behaviour of an installed fake tool.
+void setBehaviour(const std::filesystem::path& tool, const std::string& behaviour);
+
+// The helper folder's real ffmpeg/ffprobe, as the build links them.
+[[nodiscard]] std::filesystem::path helperTool(const std::string& name);
+
+}  // namespace tessarin::test
