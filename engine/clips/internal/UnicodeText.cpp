@@ -1,0 +1,232 @@
+#include "engine/clips/internal/UnicodeText.hpp"
+
+#include <unicode/ubrk.h>
+#include <unicode/uchar.h>
+#include <unicode/ustring.h>
+
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <vector>
+
+namespace tessarin::engine::clips_internal {
+
+namespace {
+
+struct Utf16 {
+    std::vector<UChar> units;
+    std::vector<std::size_t> scalarStarts;  // index in `units` where each scalar begins
+};
+
+Utf16 toUtf16(std::u32string_view scalars) {
+    Utf16 result;
+    result.units.reserve(scalars.size() + 8);
+    result.scalarStarts.reserve(scalars.size() + 1);
+    for (char32_t scalar : scalars) {
+        result.scalarStarts.push_back(result.units.size());
+        if (scalar < 0x10000) {
+            result.units.push_back(static_cast<UChar>(scalar));
+        } else {
+            const char32_t offset = scalar - 0x10000;
+            result.units.push_back(static_cast<UChar>(0xD800 + (offset >> 10)));
+            result.units.push_back(static_cast<UChar>(0xDC00 + (offset & 0x3FF)));
+        }
+    }
+    result.scalarStarts.push_back(result.units.size());
+    return result;
+}
+
+std::u32string fromUtf16(const UChar* units, std::size_t length) {
+    std::u32string scalars;
+    scalars.reserve(length);
+    for (std::size_t i = 0; i < length; ++i) {
+        const char32_t unit = units[i];
+        if (unit >= 0xD800 && unit < 0xDC00 && i + 1 < length && units[i + 1] >= 0xDC00 &&
+            units[i + 1] < 0xE000) {
+            scalars.push_back(0x10000 + ((unit - 0xD800) << 10) + (units[i + 1] - 0xDC00));
+            ++i;
+        } else {
+            scalars.push_back(unit);
+        }
+    }
+    return scalars;
+}
+
+bool isAscii(std::u32string_view scalars) {
+    return std::all_of(scalars.begin(), scalars.end(), [](char32_t c) { return c < 0x80; });
+}
+
+struct BreakIteratorCloser {
+    void operator()(UBreakIterator* iterator) const { ubrk_close(iterator); }
+};
+
+// Offsets in UTF-16 units of the first `limit` grapheme boundaries after the start.
+std::vector<int32_t> graphemeEnds(const Utf16& text, std::size_t limit) {
+    std::vector<int32_t> ends;
+    if (text.units.empty() || text.units.size() > static_cast<std::size_t>(INT32_MAX)) {
+        return ends;
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    std::unique_ptr<UBreakIterator, BreakIteratorCloser> iterator(ubrk_open(
+        UBRK_CHARACTER, "", text.units.data(), static_cast<int32_t>(text.units.size()), &status));
+    if (U_FAILURE(status) || !iterator) {
+        // ICU's data is part of the library; without it, fall back to one scalar a character.
+        for (std::size_t i = 1; i < text.scalarStarts.size() && ends.size() < limit; ++i) {
+            ends.push_back(static_cast<int32_t>(text.scalarStarts[i]));
+        }
+        return ends;
+    }
+    for (int32_t end = ubrk_next(iterator.get()); end != UBRK_DONE && ends.size() < limit;
+         end = ubrk_next(iterator.get())) {
+        ends.push_back(end);
+    }
+    return ends;
+}
+
+}  // namespace
+
+std::optional<std::u32string> decodeUtf8(std::string_view text) {
+    std::u32string scalars;
+    scalars.reserve(text.size());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto lead = static_cast<unsigned char>(text[i]);
+        if (lead < 0x80) {
+            scalars.push_back(lead);
+            ++i;
+            continue;
+        }
+        std::size_t length = 0;
+        char32_t value = 0;
+        char32_t minimum = 0;
+        if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+            value = lead & 0x1F;
+            minimum = 0x80;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            value = lead & 0x0F;
+            minimum = 0x800;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            value = lead & 0x07;
+            minimum = 0x10000;
+        } else {
+            return std::nullopt;
+        }
+        if (text.size() - i < length) {
+            return std::nullopt;
+        }
+        for (std::size_t k = 1; k < length; ++k) {
+            const auto continuation = static_cast<unsigned char>(text[i + k]);
+            if ((continuation & 0xC0) != 0x80) {
+                return std::nullopt;
+            }
+            value = (value << 6) | (continuation & 0x3F);
+        }
+        if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
+            return std::nullopt;
+        }
+        scalars.push_back(value);
+        i += length;
+    }
+    return scalars;
+}
+
+std::string encodeUtf8(std::u32string_view scalars) {
+    std::string text;
+    text.reserve(scalars.size());
+    for (char32_t c : scalars) {
+        if (c < 0x80) {
+            text.push_back(static_cast<char>(c));
+        } else if (c < 0x800) {
+            text.push_back(static_cast<char>(0xC0 | (c >> 6)));
+            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else if (c < 0x10000) {
+            text.push_back(static_cast<char>(0xE0 | (c >> 12)));
+            text.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        } else {
+            text.push_back(static_cast<char>(0xF0 | (c >> 18)));
+            text.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
+            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
+        }
+    }
+    return text;
+}
+
+bool isControl(char32_t scalar) {
+    const auto type = static_cast<UCharCategory>(u_charType(static_cast<UChar32>(scalar)));
+    return type == U_CONTROL_CHAR || type == U_FORMAT_CHAR;
+}
+
+bool isBlank(char32_t scalar) {
+    return scalar == U'\t' || u_charType(static_cast<UChar32>(scalar)) == U_SPACE_SEPARATOR;
+}
+
+bool isWhitespaceOrNewline(char32_t scalar) {
+    if ((scalar >= 0x09 && scalar <= 0x0D) || scalar == 0x85) {
+        return true;
+    }
+    const auto type = static_cast<UCharCategory>(u_charType(static_cast<UChar32>(scalar)));
+    return type == U_SPACE_SEPARATOR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR;
+}
+
+std::size_t characterCount(std::u32string_view scalars) {
+    if (isAscii(scalars)) {
+        // In ASCII only CR LF joins two scalars into one character.
+        std::size_t count = scalars.size();
+        for (std::size_t i = 1; i < scalars.size(); ++i) {
+            if (scalars[i - 1] == U'\r' && scalars[i] == U'\n') {
+                --count;
+            }
+        }
+        return count;
+    }
+    return graphemeEnds(toUtf16(scalars), SIZE_MAX).size();
+}
+
+std::u32string characterPrefix(std::u32string_view scalars, std::size_t count) {
+    if (count == 0) {
+        return {};
+    }
+    const Utf16 text = toUtf16(scalars);
+    const std::vector<int32_t> ends = graphemeEnds(text, count);
+    if (ends.size() < count) {
+        return std::u32string(scalars);
+    }
+    const auto unitEnd = static_cast<std::size_t>(ends.back());
+    const auto scalarEnd =
+        std::lower_bound(text.scalarStarts.begin(), text.scalarStarts.end(), unitEnd) -
+        text.scalarStarts.begin();
+    return std::u32string(scalars.substr(0, static_cast<std::size_t>(scalarEnd)));
+}
+
+std::u32string lowercased(std::u32string_view scalars) {
+    if (isAscii(scalars)) {
+        std::u32string result(scalars);
+        for (char32_t& c : result) {
+            if (c >= U'A' && c <= U'Z') {
+                c += U'a' - U'A';
+            }
+        }
+        return result;
+    }
+    const Utf16 text = toUtf16(scalars);
+    if (text.units.size() > static_cast<std::size_t>(INT32_MAX / 4)) {
+        return std::u32string(scalars);
+    }
+    // Full lower-case mappings grow a string by at most a factor of three.
+    std::vector<UChar> lower(text.units.size() * 3 + 1);
+    UErrorCode status = U_ZERO_ERROR;
+    const int32_t length =
+        u_strToLower(lower.data(), static_cast<int32_t>(lower.size()), text.units.data(),
+                     static_cast<int32_t>(text.units.size()), "", &status);
+    if (U_FAILURE(status) || length < 0 || static_cast<std::size_t>(length) > lower.size()) {
+        return std::u32string(scalars);
+    }
+    return fromUtf16(lower.data(), static_cast<std::size_t>(length));
+}
+
+}  // namespace tessarin::engine::clips_internal
