@@ -1,0 +1,36 @@
+// Which presets this machine's tools can run, and the hardware encoder a hardware preset uses.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "engine/encoders/EncoderCapabilityPolicy.hpp"
+#include "engine/encoders/HardwareEncoderProbe.hpp"
+#include "engine/ffmpeg/HardwareEncoderBlock.hpp"
+#include "engine/model/Preset.hpp"
+#include "engine/process/Tools.hpp"
+
+namespace tessarin::cli {
+
+// Asks the helper folder's ffmpeg for its encoders once, and runs the hardware test encodes
+// only when a hardware preset is asked about. Not thread-safe; one per command.
+class PresetGate {
+public:
+    explicit PresetGate(engine::Tools tools);
+
+    // Nothing when the preset can run here, otherwise the sentence that says why not.
+    [[nodiscard]] std::optional<std::string> disabledReason(const engine::Preset& preset) const;
+
+    // The encoder block for a hardware preset that can run; nothing for every other preset.
+    [[nodiscard]] std::optional<engine::HardwareEncoderBlock> hardwareBlock(
+        const engine::Preset& preset) const;
+
+private:
+    const engine::HardwareEncoderSupport& hardware() const;
+
+    engine::Tools tools_;
+    engine::EncoderCapabilityPolicy policy_;
+    mutable std::optional<engine::HardwareEncoderSupport> hardware_;
+};
+
+}  // namespace tessarin::cli

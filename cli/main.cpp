@@ -1,0 +1,54 @@
+// tessarin: the command-line sibling of the desktop application.
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "cli/Commands.hpp"
+#include "cli/ExitStatus.hpp"
+
+namespace {
+
+constexpr const char* kExitStatusHelp =
+    "Exit status: 0 all done, 1 a file failed, 2 bad command line, 3 ffmpeg/ffprobe/gifsicle "
+    "not found, 130 cancelled.\nThe tools are taken from CONVERTER_TOOLS_DIR when it is set, "
+    "otherwise from the helper folder beside this program (../libexec/tessarin).";
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    using namespace tessarin::cli;
+
+    CLI::App app{"Tessarin: turns video files into other media with ffmpeg.", "tessarin"};
+    app.footer(kExitStatusHelp);
+    app.set_version_flag("--version", TESSARIN_VERSION);
+    app.require_subcommand(1);
+
+    std::filesystem::path probeFile;
+    CLI::App* probe = app.add_subcommand("probe", "Print the facts of a media file as JSON");
+    probe->add_option("FILE", probeFile, "The media file")->required();
+
+    CLI::App* presets = app.add_subcommand("presets", "List the built-in presets");
+
+    ConvertRequest convert;
+    CLI::App* convertCommand =
+        app.add_subcommand("convert", "Convert files with a preset, one at a time");
+    convertCommand->add_option("--preset", convert.presetId, "Preset id (see `tessarin presets`)")
+        ->required();
+    convertCommand->add_option("--output-dir", convert.outputDirectory,
+                               "Folder for the results (default: beside each original)");
+    convertCommand->add_option("FILE", convert.files, "Files to convert")->required();
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int status = app.exit(error);
+        return status == 0 ? kExitSuccess : kExitUsage;
+    }
+
+    if (*probe) {
+        return runProbe(probeFile);
+    }
+    if (*presets) {
+        return runPresets();
+    }
+    return runConvert(convert);
+}

@@ -1,0 +1,243 @@
+// Drives the built `tessarin` executable as a user would, on generated clips.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "engine/probe/MediaProbe.hpp"
+#include "engine/process/ProcessRunner.hpp"
+#include "tests/support/TestMedia.hpp"
+
+extern char** environ;
+
+namespace tessarin::cli {
+namespace {
+
+namespace fs = std::filesystem;
+using test::TestClip;
+using ::testing::HasSubstr;
+
+const fs::path kTool = fs::path(TESSARIN_BIN_DIR) / "tessarin";
+
+struct ToolRun {
+    int exitCode;
+    std::string out;
+    std::string err;
+};
+
+// Runs the tool with its own environment plus `extra`, capturing both streams.
+ToolRun runTool(const std::vector<std::string>& arguments,
+                const engine::ProcessRunner::Environment& extra = {}) {
+    engine::ProcessRunner::Environment environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const auto equals = text.find('=');
+        environment[text.substr(0, equals)] = text.substr(equals + 1);
+    }
+    for (const auto& [key, value] : extra) {
+        environment[key] = value;
+    }
+    engine::ProcessRunner runner;
+    ToolRun run{0, "", ""};
+    engine::ProcessRunner::RawOptions options;
+    options.timeout = 120;
+    options.environment = environment;
+    options.stdoutHandler = [&](std::string_view chunk) { run.out += chunk; };
+    options.stderrHandler = [&](std::string_view chunk) { run.err += chunk; };
+    run.exitCode = runner.runRaw(kTool, arguments, options).exitCode;
+    return run;
+}
+
+fs::path copyInto(const fs::path& folder, const fs::path& file, const std::string& name) {
+    const fs::path target = folder / name;
+    fs::copy_file(file, target);
+    return target;
+}
+
+std::vector<std::string> namesIn(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+engine::MediaInfo probe(const fs::path& file) {
+    engine::ProcessRunner runner;
+    return engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
+                                     engine::MediaInputPolicy::unrestricted, runner);
+}
+
+TEST(CliProbe, PrintsTheFactsOfAClipAsJson) {
+    const ToolRun run = runTool({"probe", test::testClip(TestClip::chapters).string()});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto json = nlohmann::json::parse(run.out);
+    EXPECT_EQ(json["videoCodec"], "h264");
+    EXPECT_EQ(json["width"], 160);
+    EXPECT_EQ(json["hasAudio"], false);
+    ASSERT_EQ(json["chapters"].size(), 3u);
+    EXPECT_EQ(json["chapters"][2]["title"], "Finale");
+}
+
+TEST(CliProbe, ReportsFailuresWithTheirExitStatus) {
+    test::TempDir folder;
+    std::ofstream(folder / "notes.mp4") << "plain text";
+    const ToolRun bad = runTool({"probe", (folder / "notes.mp4").string()});
+    EXPECT_EQ(bad.exitCode, 1);
+    EXPECT_THAT(bad.err, HasSubstr("ffprobe failed"));
+
+    const ToolRun usage = runTool({"probe"});
+    EXPECT_EQ(usage.exitCode, 2);
+
+    // An empty tool folder and no helper folder beside a copied program: nothing is found.
+    fs::create_directories(folder / "bin");
+    fs::copy_file(kTool, folder / "bin" / "tessarin");
+    engine::ProcessRunner runner;
+    engine::ProcessRunner::RawOptions options;
+    std::string err;
+    options.environment = engine::ProcessRunner::Environment{
+        {"CONVERTER_TOOLS_DIR", folder.path().string()}, {"PATH", "/usr/bin:/bin"}};
+    options.stderrHandler = [&](std::string_view chunk) { err += chunk; };
+    const auto result =
+        runner.runRaw(folder / "bin" / "tessarin",
+                      {"probe", test::testClip(TestClip::h264Aac).string()}, options);
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_THAT(err, HasSubstr("ffmpeg/ffprobe/gifsicle not found"));
+    EXPECT_THAT(err, HasSubstr("ffmpeg missing"));
+}
+
+TEST(CliPresets, ListsTheBuiltinsAndWhyHardwareCantRun) {
+    const ToolRun run = runTool({"presets"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_THAT(run.out, HasSubstr("mp4-h264        MP4 · Compatible (H.264)\n"));
+    EXPECT_THAT(run.out, HasSubstr("webm-vp9        WebM · Efficient (VP9)\n"));
+    // The order shown to users is the table's.
+    EXPECT_LT(run.out.find("gif-small"), run.out.find("gif-full"));
+    EXPECT_LT(run.out.find("mp4-av1"), run.out.find("webm-vp9"));
+    EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), 10);
+}
+
+TEST(CliConvert, PublishesBesideTheOriginalAndNeverOverwrites) {
+    test::TempDir folder;
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(TestClip::h264Aac), "holiday.mp4");
+    const ToolRun first = runTool({"convert", "--preset", "mp4-h264", source.string()});
+    ASSERT_EQ(first.exitCode, 0) << first.err;
+    EXPECT_EQ(first.out, (folder / "holiday-h264_crf33.mp4").string() + "\n");
+    const ToolRun second = runTool({"convert", "--preset", "mp4-h264", source.string()});
+    ASSERT_EQ(second.exitCode, 0) << second.err;
+    EXPECT_EQ(second.out, (folder / "holiday-h264_crf33-2.mp4").string() + "\n");
+    EXPECT_THAT(namesIn(folder.path()),
+                ::testing::ElementsAre("holiday-h264_crf33-2.mp4", "holiday-h264_crf33.mp4",
+                                       "holiday.mp4"));
+    const engine::MediaInfo info = probe(folder / "holiday-h264_crf33.mp4");
+    EXPECT_EQ(info.videoCodec, "h264");
+    EXPECT_EQ(info.audioCodec, "aac");
+    // Not a terminal: no progress bar on stderr.
+    EXPECT_EQ(first.err.find('\r'), std::string::npos);
+}
+
+TEST(CliConvert, WritesGifsAndWebmIntoTheOutputFolderAndReportsBadFiles) {
+    test::TempDir folder;
+    test::TempDir output;
+    const fs::path source = copyInto(folder.path(), test::testClip(TestClip::h264Aac), "clip.mp4");
+    std::ofstream(folder / "broken.mp4") << "not a video";
+    const ToolRun gif =
+        runTool({"convert", "--preset", "gif-small", "--output-dir", output.path().string(),
+                 (folder / "broken.mp4").string(), source.string()});
+    EXPECT_EQ(gif.exitCode, 1);
+    EXPECT_THAT(gif.err, HasSubstr("broken.mp4: failed at probe"));
+    EXPECT_EQ(gif.out, (output / "clip-third_size.gif").string() + "\n");
+    const engine::MediaInfo gifInfo = probe(output / "clip-third_size.gif");
+    EXPECT_EQ(gifInfo.videoCodec, "gif");
+    // A third of 160 x 120, without the even rounding of video formats.
+    EXPECT_EQ(gifInfo.width, 53);
+
+    const ToolRun webm = runTool({"convert", "--preset", "webm-vp9", "--output-dir",
+                                  output.path().string(), source.string()});
+    ASSERT_EQ(webm.exitCode, 0) << webm.err;
+    const engine::MediaInfo webmInfo = probe(output / "clip-vp9_crf33.webm");
+    EXPECT_EQ(webmInfo.videoCodec, "vp9");
+    EXPECT_EQ(webmInfo.audioCodec, "opus");
+    EXPECT_THAT(namesIn(output.path()),
+                ::testing::ElementsAre("clip-third_size.gif", "clip-vp9_crf33.webm"));
+
+    EXPECT_EQ(runTool({"convert", "--preset", "no-such", source.string()}).exitCode, 2);
+    EXPECT_EQ(runTool({"convert", "--preset", "mp4-h264", "--output-dir",
+                       (folder / "missing").string(), source.string()})
+                  .exitCode,
+              2);
+}
+
+TEST(CliConvert, HardwarePresetsUseTheEncoderFoundOrSayWhyNot) {
+    test::TempDir folder;
+    const fs::path source = copyInto(folder.path(), test::testClip(TestClip::h264Aac), "clip.mp4");
+    const ToolRun run = runTool({"convert", "--preset", "mp4-h264-vt", source.string()});
+    if (run.exitCode == 0) {
+        // A machine with a working hardware encoder: the output must be H.264.
+        EXPECT_EQ(probe(fs::path(run.out.substr(0, run.out.size() - 1))).videoCodec, "h264");
+    } else {
+        EXPECT_EQ(run.exitCode, 1);
+        EXPECT_THAT(run.err, HasSubstr("can't run here: No working hardware"));
+        EXPECT_THAT(namesIn(folder.path()), ::testing::ElementsAre("clip.mp4"));
+    }
+}
+
+TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
+    test::TempDir folder;
+    test::TempDir workRoot;
+    // Long enough that the encode is still running when the signal arrives.
+    const fs::path source =
+        test::makeClip("long-cli-interrupt.mp4",
+                       {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60", "-c:v",
+                        "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+    const fs::path copy = copyInto(folder.path(), source, "long.mp4");
+
+    const std::string tmpdir = "TMPDIR=" + workRoot.path().string();
+    std::vector<std::string> environment = {
+        tmpdir, "PATH=/usr/bin:/bin", "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
+    std::vector<char*> envp;
+    for (auto& entry : environment) {
+        envp.push_back(entry.data());
+    }
+    envp.push_back(nullptr);
+    std::vector<std::string> arguments = {kTool.string(), "convert", "--preset", "mp4-av1",
+                                          copy.string()};
+    std::vector<char*> argv;
+    for (auto& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
+
+    // Wait until the encode has produced its work folder, then interrupt.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    bool working = false;
+    while (!working && std::chrono::steady_clock::now() < deadline) {
+        for (const auto& entry : fs::recursive_directory_iterator(workRoot.path())) {
+            if (entry.path().extension() == ".mp4") {
+                working = true;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_TRUE(working) << "the encode never started";
+    ASSERT_EQ(kill(pid, SIGINT), 0);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    EXPECT_THAT(namesIn(folder.path()), ::testing::ElementsAre("long.mp4"));
+    EXPECT_TRUE(namesIn(workRoot.path()).empty());
+}
+
+}  // namespace
+}  // namespace tessarin::cli
