@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "engine/clips/internal/UnicodeText.hpp"
+#include "engine/model/NumberText.hpp"
 #include "engine/model/TimeText.hpp"
 
 namespace tessarin::engine {
@@ -89,16 +90,7 @@ bool matchesTimePattern(std::string_view t) {
 // A plain decimal number of the whole text in the C locale (sign, exponent and hexadecimal
 // forms included), refusing a leading blank; nothing unless finite.
 std::optional<double> parsePlainDecimal(const std::optional<std::string>& value) {
-    if (!value || value->empty() || std::isspace(static_cast<unsigned char>(value->front()))) {
-        return std::nullopt;
-    }
-    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-    char* end = nullptr;
-    const double parsed = strtod_l(value->c_str(), &end, cLocale);
-    if (end != value->c_str() + value->size() || !std::isfinite(parsed)) {
-        return std::nullopt;
-    }
-    return parsed;
+    return value ? parseFiniteDouble(*value) : std::nullopt;
 }
 
 // Floor of seconds * 10^6 when the seconds are finite, at least one microsecond, and the

@@ -1,32 +1,13 @@
 #include "engine/model/TimeText.hpp"
 
 #include <fmt/format.h>
-#include <locale.h>
 
-#include <cctype>
 #include <cmath>
-#include <cstdlib>
 #include <vector>
 
+#include "engine/model/NumberText.hpp"
+
 namespace tessarin::engine {
-
-namespace {
-
-// strtod in the C locale whatever the user's locale is, so "1,5" never means 1.5.
-std::optional<double> parseDecimal(const std::string& piece) {
-    if (piece.empty() || std::isspace(static_cast<unsigned char>(piece.front()))) {
-        return std::nullopt;
-    }
-    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-    char* end = nullptr;
-    const double value = strtod_l(piece.c_str(), &end, cLocale);
-    if (end != piece.c_str() + piece.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-}  // namespace
 
 std::optional<double> parseTimeSeconds(std::string_view text) {
     std::vector<std::string> pieces;
@@ -47,8 +28,9 @@ std::optional<double> parseTimeSeconds(std::string_view text) {
     }
     double total = 0;
     for (const std::string& piece : pieces) {
-        const std::optional<double> value = parseDecimal(piece);
-        if (!value || !std::isfinite(*value) || *value < 0) {
+        // The C locale always, so "1,5" never means 1.5.
+        const std::optional<double> value = parseFiniteDouble(piece);
+        if (!value || *value < 0) {
             return std::nullopt;
         }
         total = total * 60 + *value;

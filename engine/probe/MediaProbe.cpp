@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <limits>
 
+#include "engine/model/NumberText.hpp"
+
 namespace tessarin::engine {
 
 namespace {
@@ -173,16 +175,7 @@ FFprobeOutput readDocument(const json& document) {
 
 // The whole string as a finite number in the C locale's notation; anything else is absent.
 std::optional<double> parseDouble(const std::optional<std::string>& text) {
-    if (!text || text->empty() || std::isspace(static_cast<unsigned char>(text->front()))) {
-        return std::nullopt;
-    }
-    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-    char* end = nullptr;
-    const double value = strtod_l(text->c_str(), &end, cLocale);
-    if (end != text->c_str() + text->size() || !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
+    return text ? parseFiniteDouble(*text) : std::nullopt;
 }
 
 std::optional<double> nonNegative(std::optional<double> value) {

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "engine/model/NumberText.hpp"
 #include "engine/model/TimeText.hpp"
 
 namespace tessarin::engine {
@@ -32,41 +33,6 @@ std::string_view trimSpacesAndTabs(std::string_view text) {
         return {};
     }
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-// The whole text as a C-locale double, or nothing. Leading white space is refused, so " 5" is
-// not a number here although strtod would skip the blank.
-std::optional<double> parseDouble(std::string_view text) {
-    if (text.empty() || std::strchr(" \t\n\v\f\r", text.front()) != nullptr) {
-        return std::nullopt;
-    }
-    static const locale_t cLocale = newlocale(LC_ALL_MASK, "C", static_cast<locale_t>(nullptr));
-    // Progress values are short; a stack copy gives strtod its terminator without allocating.
-    char small[64];
-    std::string large;
-    const char* begin = nullptr;
-    if (text.size() < sizeof small) {
-        std::memcpy(small, text.data(), text.size());
-        small[text.size()] = '\0';
-        begin = small;
-    } else {
-        large.assign(text);
-        begin = large.c_str();
-    }
-    char* end = nullptr;
-    const double value = strtod_l(begin, &end, cLocale);
-    if (end != begin + text.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-std::optional<double> parseFiniteDouble(std::string_view text) {
-    const std::optional<double> value = parseDouble(text);
-    if (!value || !std::isfinite(*value)) {
-        return std::nullopt;
-    }
-    return value;
 }
 
 // A decimal integer with an optional sign that fits 64 bits, and nothing else.
