@@ -10,25 +10,11 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/TempDir.hpp"
+
 namespace tessarin::test {
 
-// A fresh folder under the system's temporary directory, removed with everything in it when
-// the object goes.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    [[nodiscard]] std::filesystem::path operator/(std::string_view name) const {
-        return path_ / name;
-    }
-
-private:
-    std::filesystem::path path_;
-};
+using TemporaryFolder = TempDir;
 
 // Writes "#!/bin/sh" and `body` to `folder/name`, mode 0755; returns the path.
 std::filesystem::path writeScript(const std::filesystem::path& folder, std::string_view name,

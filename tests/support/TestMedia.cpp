@@ -185,17 +185,4 @@ fs::path testClip(TestClip clip) {
     throw std::logic_error("unknown test clip");
 }
 
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "tessarin-test-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed");
-    }
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
 }  // namespace tessarin::test

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/TempDir.hpp"
+
 namespace tessarin::test {
 
 enum class TestClip {
@@ -35,22 +37,5 @@ enum class TestClip {
 
 // The helper folder of this build (ffmpeg, ffprobe, gifsicle).
 [[nodiscard]] std::filesystem::path helperDirectory();
-
-// A private temporary folder, removed with everything in it when the value goes away.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-    [[nodiscard]] std::filesystem::path operator/(const std::string& name) const {
-        return path_ / name;
-    }
-
-private:
-    std::filesystem::path path_;
-};
 
 }  // namespace tessarin::test

@@ -10,19 +10,6 @@ namespace tessarin::test {
 
 namespace fs = std::filesystem;
 
-ScratchFolder::ScratchFolder() {
-    std::string pattern = (fs::temp_directory_path() / "tessarin-encoders-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
-    path_ = pattern;
-}
-
-ScratchFolder::~ScratchFolder() {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-}
-
 std::string healthyBehaviour(const std::string& name, const std::string& version) {
     return "name=" + name + "\nversion=" + version +
            "\nmode=normal\nencoders=libx264 libx265 aac\nfilters=scale overlay\n"

@@ -4,21 +4,11 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/support/TempDir.hpp"
+
 namespace tessarin::test {
 
-// A fresh folder under the temporary directory, removed with everything in it.
-class ScratchFolder {
-public:
-    ScratchFolder();
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder&) = delete;
-    ScratchFolder& operator=(const ScratchFolder&) = delete;
-
-    [[nodiscard]] const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
+using ScratchFolder = TempDir;
 
 // Behaviour lines for FakeMediaTool: a healthy tool named `name` at `version`.
 [[nodiscard]] std::string healthyBehaviour(const std::string& name,
