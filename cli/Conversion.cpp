@@ -12,6 +12,7 @@
 #include "engine/publish/OutputNames.hpp"
 #include "engine/publish/PrivateFolders.hpp"
 #include "engine/publish/Publish.hpp"
+#include "engine/publish/Sweeps.hpp"
 
 namespace tessarin::cli {
 
@@ -133,6 +134,10 @@ fs::path convert(const ConversionRequest& request, Interruption& interruption,
     if (const auto trimmed = engine::FFmpegCommandBuilder::duration(options.trim, std::nullopt)) {
         expected = engine::parseTimeSeconds(*trimmed);
     }
+
+    // What a crashed earlier run left behind, once it is old enough that no live run owns it.
+    engine::sweepTemporaryDirectory(engine::temporaryRoot());
+    engine::sweepOutputFolder(engine::outputFolder(request.source, request.outputDirectory));
 
     WorkFolder work;
     const std::string finalName = request.source.stem().string() + request.preset.filenameSuffix +
