@@ -1,0 +1,102 @@
+// A sandbox for conversion-job tests: source, output and temporary folders of their own (the
+// temporary one is TMPDIR while the sandbox lives), a job runner that records what the job
+// reported, and small probes of finished files.
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "engine/job/ConversionJob.hpp"
+#include "tests/support/TempDir.hpp"
+
+namespace tessarin::engine {
+// Readable failures in test messages.
+void PrintTo(const JobFailure& failure, std::ostream* out);
+}  // namespace tessarin::engine
+
+namespace tessarin::test {
+
+// What one run of a job reported, in order.
+struct JobRecord {
+    struct Event {
+        std::optional<engine::JobPhase> phase;  // a phase, or else a progress report
+        std::optional<double> fraction;
+    };
+    std::optional<std::filesystem::path> published;
+    std::optional<engine::JobFailure> failure;
+    std::vector<std::string> warnings;
+    std::vector<Event> events;
+    std::optional<engine::MediaInfo> info;
+};
+
+class JobSandbox {
+public:
+    JobSandbox();
+    ~JobSandbox();
+    JobSandbox(const JobSandbox&) = delete;
+    JobSandbox& operator=(const JobSandbox&) = delete;
+
+    [[nodiscard]] std::filesystem::path sources() const { return root_ / "in"; }
+    [[nodiscard]] std::filesystem::path outputs() const { return root_ / "out"; }
+    [[nodiscard]] std::filesystem::path temporary() const { return root_ / "tmp"; }
+    [[nodiscard]] std::filesystem::path root() const { return root_.path(); }
+
+    // Copies `clip` into the source folder as `name`.
+    [[nodiscard]] std::filesystem::path place(const std::filesystem::path& clip,
+                                              const std::string& name) const;
+
+    // Every entry below the output and temporary folders (recursively) except `keep`, as paths
+    // relative to the sandbox. Empty means nothing was left behind.
+    [[nodiscard]] std::vector<std::string> leftovers(
+        const std::vector<std::filesystem::path>& keep = {}) const;
+
+private:
+    TempDir root_;
+    std::optional<std::string> previousTmpdir_;
+};
+
+// The build's helper tools.
+[[nodiscard]] engine::Tools helperTools();
+
+// A tools folder in `folder` holding links to the helper ffmpeg and ffprobe and, for each body
+// given, a script of that body in place of the tool ("$REAL" in a body is the real tool's path).
+[[nodiscard]] engine::Tools fakeTools(const std::filesystem::path& folder,
+                                      std::optional<std::string> ffprobeBody,
+                                      std::optional<std::string> gifsicleBody);
+
+// Runs `job` on this thread, recording everything it reported.
+[[nodiscard]] JobRecord runJob(engine::ConversionJob& job);
+
+// A job on `source` into the sandbox's output folder.
+[[nodiscard]] std::unique_ptr<engine::ConversionJob> makeJob(
+    const JobSandbox& sandbox, const std::filesystem::path& source, engine::MediaTask task,
+    engine::MediaInputPolicy policy = engine::MediaInputPolicy::unrestricted,
+    std::optional<engine::Tools> tools = std::nullopt);
+
+// The facts of a finished file; fails the test when ffprobe can't read it.
+[[nodiscard]] engine::MediaInfo probeFile(const std::filesystem::path& path);
+// Decoded video frames of the first video stream.
+[[nodiscard]] int64_t countVideoFrames(const std::filesystem::path& path);
+
+// Polls `condition` until it holds; false at `limit`.
+[[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
+                             std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+// The encode target of a running local job writing into `outputFolder`: a ".converting-" file
+// inside a ".tessarin-scratch-" folder.
+[[nodiscard]] std::optional<std::filesystem::path> findEncodeTarget(
+    const std::filesystem::path& outputFolder);
+
+// Twenty seconds of 640x360 test pattern at 25 fps with a tone: long enough that an encode
+// is still running well after its output file appeared.
+[[nodiscard]] std::filesystem::path longClip();
+
+// A preset whose options carry `trim`.
+[[nodiscard]] engine::Preset withTrim(engine::Preset preset, engine::Trim trim);
+
+}  // namespace tessarin::test
