@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/JobPlan.hpp"
+
 namespace tessarin::cli {
 
 // `tessarin probe FILE`: the facts of FILE as one JSON object on stdout.
@@ -18,10 +20,22 @@ struct ConvertRequest {
     std::string presetId;
     std::vector<std::filesystem::path> files;
     std::optional<std::filesystem::path> outputDirectory;
+    RangeOptions ranges;
+    bool json = false;
 };
 
-// `tessarin convert --preset ID FILE...`: converts the files one at a time and prints each
-// published path on stdout.
+// `tessarin convert --preset ID FILE...`: converts the files one at a time.
 int runConvert(const ConvertRequest& request);
+
+struct ExtractAudioRequest {
+    std::string codec = "aac";
+    std::vector<std::filesystem::path> files;
+    std::optional<std::filesystem::path> outputDirectory;
+    std::optional<std::string> trim;
+    bool json = false;
+};
+
+// `tessarin extract-audio FILE...`: writes each file's first audio track to a file of its own.
+int runExtractAudio(const ExtractAudioRequest& request);
 
 }  // namespace tessarin::cli

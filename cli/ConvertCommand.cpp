@@ -1,16 +1,64 @@
-#include <fmt/format.h>
-
 #include <iostream>
 
 #include "cli/Commands.hpp"
-#include "cli/Conversion.hpp"
+#include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
 #include "cli/Interruption.hpp"
 #include "cli/PresetGate.hpp"
-#include "cli/ProgressLine.hpp"
 #include "cli/ToolLookup.hpp"
+#include "engine/job/ConversionJob.hpp"
 
 namespace tessarin::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+bool outputFolderIsUsable(const std::optional<fs::path>& folder) {
+    if (folder && !fs::is_directory(*folder)) {
+        std::cerr << "tessarin: the output folder does not exist or is not a folder.\n";
+        return false;
+    }
+    return true;
+}
+
+// Runs the jobs one at a time. Stops at the first cancellation.
+int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools,
+            const PresetGate& gate, const std::optional<fs::path>& outputDirectory, bool json,
+            Interruption& interruption) {
+    EventSink sink(json);
+    bool anyFailed = false;
+    for (const PlannedJob& planned : jobs) {
+        if (interruption.interrupted()) {
+            break;
+        }
+        sink.start(planned.source, planned.label);
+        auto job = std::make_shared<engine::ConversionJob>(
+            fs::absolute(planned.source), planned.task, tools,
+            engine::MediaInputPolicy::unrestricted, gate.policy(), outputDirectory,
+            gate.hardwareFor(planned.task));
+        interruption.watch(job);
+        try {
+            engine::ConversionJob::Callbacks callbacks;
+            callbacks.onWarning = [&](const std::string& text) { sink.warning(text); };
+            callbacks.onProgress = [&](std::optional<double> fraction) { sink.progress(fraction); };
+            sink.done(job->run(callbacks));
+        } catch (const engine::JobFailure& failure) {
+            if (failure.wasCancelled) {
+                sink.cancelled();
+                break;
+            }
+            anyFailed = true;
+            sink.failed(failure.step, failure.stderrTail, failure.exitCode);
+        }
+    }
+    if (interruption.interrupted()) {
+        return kExitCancelled;
+    }
+    return anyFailed ? kExitFailure : kExitSuccess;
+}
+
+}  // namespace
 
 int runConvert(const ConvertRequest& request) {
     Interruption interruption;  // first, so every later thread has the signals blocked
@@ -21,8 +69,14 @@ int runConvert(const ConvertRequest& request) {
                   << "\"; `tessarin presets` lists them.\n";
         return kExitUsage;
     }
-    if (request.outputDirectory && !std::filesystem::is_directory(*request.outputDirectory)) {
-        std::cerr << "tessarin: the output folder does not exist or is not a folder.\n";
+    std::vector<PlannedJob> jobs;
+    try {
+        jobs = planConversions(*preset, request.files, request.ranges);
+    } catch (const UsageError& error) {
+        std::cerr << "tessarin: " << error.what() << "\n";
+        return kExitUsage;
+    }
+    if (!outputFolderIsUsable(request.outputDirectory)) {
         return kExitUsage;
     }
     const std::optional<engine::Tools> tools = locateTools();
@@ -35,38 +89,27 @@ int runConvert(const ConvertRequest& request) {
                   << "\n";
         return kExitFailure;
     }
+    return runJobs(jobs, *tools, gate, request.outputDirectory, request.json, interruption);
+}
 
-    bool anyFailed = false;
-    for (const std::filesystem::path& file : request.files) {
-        if (interruption.interrupted()) {
-            break;
-        }
-        ProgressLine progress(file.filename().string());
-        try {
-            const std::filesystem::path published =
-                convert(ConversionRequest{*tools, *preset, std::filesystem::absolute(file),
-                                          request.outputDirectory, gate.hardwareBlock(*preset)},
-                        interruption, [&](double fraction) { progress.update(fraction); });
-            progress.finish();
-            std::cout << published.string() << std::endl;
-        } catch (const engine::JobFailure& failure) {
-            progress.finish();
-            if (failure.wasCancelled) {
-                std::cerr << "tessarin: " << file.string() << ": cancelled; nothing was saved.\n";
-                break;
-            }
-            anyFailed = true;
-            std::cerr << "tessarin: " << file.string() << ": failed at " << failure.step;
-            if (failure.exitCode) {
-                std::cerr << " (exit " << *failure.exitCode << ")";
-            }
-            std::cerr << ": " << failure.stderrTail << "\n";
-        }
+int runExtractAudio(const ExtractAudioRequest& request) {
+    Interruption interruption;
+    std::vector<PlannedJob> jobs;
+    try {
+        jobs = planAudioExtractions(request.codec, request.files, request.trim);
+    } catch (const UsageError& error) {
+        std::cerr << "tessarin: " << error.what() << "\n";
+        return kExitUsage;
     }
-    if (interruption.interrupted()) {
-        return kExitCancelled;
+    if (!outputFolderIsUsable(request.outputDirectory)) {
+        return kExitUsage;
     }
-    return anyFailed ? kExitFailure : kExitSuccess;
+    const std::optional<engine::Tools> tools = locateTools();
+    if (!tools) {
+        return kExitToolsMissing;
+    }
+    const PresetGate gate(*tools);
+    return runJobs(jobs, *tools, gate, request.outputDirectory, request.json, interruption);
 }
 
 }  // namespace tessarin::cli

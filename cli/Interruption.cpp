@@ -30,13 +30,13 @@ Interruption::~Interruption() {
     watcher_.join();
 }
 
-void Interruption::watch(const std::shared_ptr<engine::ProcessRunner>& runner) {
+void Interruption::watch(const std::shared_ptr<engine::ConversionJob>& job) {
     {
         const std::lock_guard lock(mutex_);
-        current_ = runner;
+        current_ = job;
     }
     if (interrupted_.load()) {
-        runner->cancel(engine::ProcessRunner::kUserCancelGrace);
+        job->cancel(engine::ConversionJob::kUserCancelGrace);
     }
 }
 
@@ -48,13 +48,13 @@ void Interruption::waitForSignals() {
             return;
         }
         interrupted_.store(true);
-        std::shared_ptr<engine::ProcessRunner> runner;
+        std::shared_ptr<engine::ConversionJob> job;
         {
             const std::lock_guard lock(mutex_);
-            runner = current_.lock();
+            job = current_.lock();
         }
-        if (runner) {
-            runner->cancel(engine::ProcessRunner::kUserCancelGrace);
+        if (job) {
+            job->cancel(engine::ConversionJob::kUserCancelGrace);
         }
     }
 }

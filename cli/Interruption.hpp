@@ -1,4 +1,4 @@
-// Turns Ctrl-C and SIGTERM into a cancel of the child that is running, with the user grace.
+// Turns Ctrl-C and SIGTERM into a cancel of the job that is running, with the user grace.
 #pragma once
 
 #include <atomic>
@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-#include "engine/process/ProcessRunner.hpp"
+#include "engine/job/ConversionJob.hpp"
 
 namespace tessarin::cli {
 
@@ -19,9 +19,9 @@ public:
     Interruption(const Interruption&) = delete;
     Interruption& operator=(const Interruption&) = delete;
 
-    // The runner a signal cancels; a runner that arrives after the signal is cancelled at once,
-    // so no child starts after Ctrl-C.
-    void watch(const std::shared_ptr<engine::ProcessRunner>& runner);
+    // The job a signal cancels; a job that arrives after the signal is cancelled at once, so
+    // nothing starts after Ctrl-C.
+    void watch(const std::shared_ptr<engine::ConversionJob>& job);
 
     [[nodiscard]] bool interrupted() const { return interrupted_.load(); }
 
@@ -30,7 +30,7 @@ private:
 
     std::atomic<bool> interrupted_{false};
     std::mutex mutex_;
-    std::weak_ptr<engine::ProcessRunner> current_;  // guarded by mutex_
+    std::weak_ptr<engine::ConversionJob> current_;  // guarded by mutex_
     std::thread watcher_;
 };
 

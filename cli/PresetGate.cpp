@@ -26,18 +26,18 @@ std::optional<std::string> PresetGate::disabledReason(const engine::Preset& pres
                                         needsHardware ? hardware() : kNoHardwareAsked);
 }
 
-std::optional<engine::HardwareEncoderBlock> PresetGate::hardwareBlock(
-    const engine::Preset& preset) const {
-    const auto codec = preset.options.format.videoCodec();
+engine::HardwareEncoderSupport PresetGate::hardwareFor(const engine::MediaTask& task) const {
+    const engine::Preset* preset = nullptr;
+    if (const auto* convert = std::get_if<engine::MediaTask::Convert>(&task.kind)) {
+        preset = &convert->preset;
+    } else if (const auto* join = std::get_if<engine::MediaTask::Join>(&task.kind)) {
+        preset = &join->preset;
+    }
+    const auto codec = preset ? preset->options.format.videoCodec() : std::nullopt;
     if (!codec || !engine::isHardware(*codec)) {
-        return std::nullopt;
+        return {};
     }
-    const std::optional<engine::HardwareEncoder> encoder = hardware().encoder(*codec);
-    if (!encoder) {
-        return std::nullopt;
-    }
-    const int quality = preset.options.crf.value_or(engine::defaultQuality(*codec));
-    return engine::HardwareEncoderBlock{encoder->arguments(quality), encoder->filterSuffix};
+    return hardware();
 }
 
 }  // namespace tessarin::cli

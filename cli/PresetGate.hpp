@@ -6,8 +6,7 @@
 
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
-#include "engine/ffmpeg/HardwareEncoderBlock.hpp"
-#include "engine/model/Preset.hpp"
+#include "engine/model/MediaTask.hpp"
 #include "engine/process/Tools.hpp"
 
 namespace tessarin::cli {
@@ -21,9 +20,11 @@ public:
     // Nothing when the preset can run here, otherwise the sentence that says why not.
     [[nodiscard]] std::optional<std::string> disabledReason(const engine::Preset& preset) const;
 
-    // The encoder block for a hardware preset that can run; nothing for every other preset.
-    [[nodiscard]] std::optional<engine::HardwareEncoderBlock> hardwareBlock(
-        const engine::Preset& preset) const;
+    // The policy for the job's encoder gate.
+    [[nodiscard]] const engine::EncoderCapabilityPolicy& policy() const { return policy_; }
+
+    // The hardware encoders for a task: probed once when the task needs one, empty otherwise.
+    [[nodiscard]] engine::HardwareEncoderSupport hardwareFor(const engine::MediaTask& task) const;
 
 private:
     const engine::HardwareEncoderSupport& hardware() const;

@@ -33,9 +33,29 @@ int main(int argc, char** argv) {
         app.add_subcommand("convert", "Convert files with a preset, one at a time");
     convertCommand->add_option("--preset", convert.presetId, "Preset id (see `tessarin presets`)")
         ->required();
+    convertCommand->add_option("--trim", convert.ranges.trim,
+                               "START,END: convert only this range (either side may be empty)");
+    convertCommand->add_option("--segment", convert.ranges.segments,
+                               "START,END[,NAME]: a clip; repeat for several (one file each)")
+        ->allow_extra_args(false);
+    convertCommand->add_option("--join", convert.ranges.join,
+                               "keep: join the segments into one file; remove: cut them out")
+        ->check(CLI::IsMember({"keep", "remove"}));
     convertCommand->add_option("--output-dir", convert.outputDirectory,
                                "Folder for the results (default: beside each original)");
+    convertCommand->add_flag("--json", convert.json, "One JSON object per event on stdout");
     convertCommand->add_option("FILE", convert.files, "Files to convert")->required();
+
+    ExtractAudioRequest extract;
+    CLI::App* extractCommand = app.add_subcommand(
+        "extract-audio", "Write each file's first audio track to a file of its own");
+    extractCommand->add_option("--codec", extract.codec, "aac (M4A, default), wav or flac")
+        ->check(CLI::IsMember({"aac", "wav", "flac"}));
+    extractCommand->add_option("--trim", extract.trim, "START,END: extract only this range");
+    extractCommand->add_option("--output-dir", extract.outputDirectory,
+                               "Folder for the results (default: beside each original)");
+    extractCommand->add_flag("--json", extract.json, "One JSON object per event on stdout");
+    extractCommand->add_option("FILE", extract.files, "Files to read")->required();
 
     try {
         app.parse(argc, argv);
@@ -50,5 +70,8 @@ int main(int argc, char** argv) {
     if (*presets) {
         return runPresets();
     }
-    return runConvert(convert);
+    if (*convertCommand) {
+        return runConvert(convert);
+    }
+    return runExtractAudio(extract);
 }

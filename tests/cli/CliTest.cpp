@@ -2,11 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <fcntl.h>
 #include <spawn.h>
+#include <unistd.h>
 #include <sys/wait.h>
 
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -194,49 +197,141 @@ TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
     test::TempDir folder;
     test::TempDir workRoot;
     // Long enough that the encode is still running when the signal arrives.
-    const fs::path source =
-        test::makeClip("long-cli-interrupt.mp4",
-                       {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60", "-c:v",
-                        "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+    const fs::path source = test::makeClip(
+        "long-cli-interrupt.mp4", {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60",
+                                   "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
     const fs::path copy = copyInto(folder.path(), source, "long.mp4");
 
-    const std::string tmpdir = "TMPDIR=" + workRoot.path().string();
-    std::vector<std::string> environment = {
-        tmpdir, "PATH=/usr/bin:/bin", "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
+    std::vector<std::string> environment = {"TMPDIR=" + workRoot.path().string(),
+                                            "PATH=/usr/bin:/bin",
+                                            "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
     std::vector<char*> envp;
     for (auto& entry : environment) {
         envp.push_back(entry.data());
     }
     envp.push_back(nullptr);
-    std::vector<std::string> arguments = {kTool.string(), "convert", "--preset", "mp4-av1",
-                                          copy.string()};
+    std::vector<std::string> arguments = {kTool.string(), "convert", "--json", "--preset",
+                                          "mp4-av1", copy.string()};
     std::vector<char*> argv;
     for (auto& argument : arguments) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
+    int events[2];
+    ASSERT_EQ(pipe2(events, O_CLOEXEC), 0);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, events[1], STDOUT_FILENO);
     pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), nullptr, nullptr, argv.data(), envp.data()), 0);
+    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    close(events[1]);
 
-    // Wait until the encode has produced its work folder, then interrupt.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    bool working = false;
-    while (!working && std::chrono::steady_clock::now() < deadline) {
-        for (const auto& entry : fs::recursive_directory_iterator(workRoot.path())) {
-            if (entry.path().extension() == ".mp4") {
-                working = true;
-            }
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    // Interrupt once the encode reports progress: the child is then surely running.
+    FILE* stream = fdopen(events[0], "r");
+    ASSERT_NE(stream, nullptr);
+    bool encoding = false;
+    char* line = nullptr;
+    size_t capacity = 0;
+    while (!encoding && getline(&line, &capacity, stream) > 0) {
+        const auto event = nlohmann::json::parse(line);
+        encoding = event["event"] == "progress" && event["fraction"].get<double>() > 0;
     }
-    ASSERT_TRUE(working) << "the encode never started";
+    ASSERT_TRUE(encoding) << "the encode never reported progress";
     ASSERT_EQ(kill(pid, SIGINT), 0);
+    std::string rest;
+    while (getline(&line, &capacity, stream) > 0) {
+        rest = line;
+    }
+    free(line);
+    fclose(stream);
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 130);
+    EXPECT_EQ(nlohmann::json::parse(rest)["event"], "cancelled");
     EXPECT_THAT(namesIn(folder.path()), ::testing::ElementsAre("long.mp4"));
     EXPECT_TRUE(namesIn(workRoot.path()).empty());
+}
+
+std::vector<nlohmann::json> jsonEvents(const std::string& out) {
+    std::vector<nlohmann::json> events;
+    std::istringstream lines(out);
+    for (std::string line; std::getline(lines, line);) {
+        events.push_back(nlohmann::json::parse(line));  // throws, failing the test, on a bad line
+    }
+    return events;
+}
+
+TEST(CliConvert, JsonEventsTrimSegmentsAndJoins) {
+    test::TempDir folder;
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(TestClip::chapters), "talk.mp4");  // 3 s
+
+    const ToolRun trimmed = runTool({"convert", "--json", "--preset", "mp4-h264", "--trim",
+                                     "0.5,1.5", source.string()});
+    ASSERT_EQ(trimmed.exitCode, 0) << trimmed.err;
+    const auto events = jsonEvents(trimmed.out);
+    ASSERT_GE(events.size(), 2u);
+    EXPECT_EQ(events.front()["event"], "start");
+    EXPECT_EQ(events.back()["event"], "done");
+    const fs::path trimmedPath = events.back()["path"].get<std::string>();
+    EXPECT_EQ(trimmedPath, folder / "talk-h264_crf33.mp4");
+    EXPECT_NEAR(probe(trimmedPath).durationSeconds.value_or(0), 1.0, 0.25);
+    for (const auto& event : events) {
+        if (event["event"] == "progress") {
+            EXPECT_GE(event["fraction"].get<double>(), 0.0);
+            EXPECT_LE(event["fraction"].get<double>(), 1.0);
+        }
+    }
+
+    const ToolRun clips = runTool({"convert", "--preset", "mp4-h264", "--segment", "0,1,Intro part",
+                                   "--segment", "2,3", source.string()});
+    ASSERT_EQ(clips.exitCode, 0) << clips.err;
+    EXPECT_EQ(std::count(clips.out.begin(), clips.out.end(), '\n'), 2);
+    EXPECT_THAT(clips.out, HasSubstr("intro-part"));
+
+    const ToolRun joined = runTool({"convert", "--preset", "mp4-h264", "--segment", "0,1",
+                                    "--segment", "2,3", "--join", "keep", source.string()});
+    ASSERT_EQ(joined.exitCode, 0) << joined.err;
+    const fs::path joinedPath = joined.out.substr(0, joined.out.size() - 1);
+    EXPECT_NEAR(probe(joinedPath).durationSeconds.value_or(0), 2.0, 0.3);
+
+    const ToolRun removed = runTool({"convert", "--preset", "mp4-h264", "--segment", "1,2",
+                                     "--join", "remove", source.string()});
+    ASSERT_EQ(removed.exitCode, 0) << removed.err;
+    EXPECT_NEAR(probe(fs::path(removed.out.substr(0, removed.out.size() - 1)))
+                    .durationSeconds.value_or(0),
+                2.0, 0.3);
+
+    const ToolRun backwards =
+        runTool({"convert", "--preset", "mp4-h264", "--trim", "5,1", source.string()});
+    EXPECT_EQ(backwards.exitCode, 2);
+    EXPECT_THAT(backwards.err, HasSubstr("--trim 5,1"));
+    const ToolRun pastEnd =
+        runTool({"convert", "--json", "--preset", "mp4-h264", "--trim", "10,12", source.string()});
+    EXPECT_EQ(pastEnd.exitCode, 1);
+    EXPECT_EQ(jsonEvents(pastEnd.out).back()["step"], "trim");
+}
+
+TEST(CliExtractAudio, WritesTheAudioTrackOrSaysThereIsNone) {
+    test::TempDir folder;
+    const fs::path source = copyInto(folder.path(), test::testClip(TestClip::h264Aac), "song.mp4");
+    const fs::path silent =
+        copyInto(folder.path(), test::testClip(TestClip::h264NoAudio), "silent.mp4");
+    const ToolRun run =
+        runTool({"extract-audio", "--codec", "flac", silent.string(), source.string()});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_THAT(run.err, HasSubstr("no audio track"));
+    EXPECT_EQ(run.out, (folder / "song-audio.flac").string() + "\n");
+    const engine::MediaInfo info = probe(folder / "song-audio.flac");
+    EXPECT_EQ(info.audioCodec, "flac");
+    EXPECT_EQ(info.videoCodec, std::nullopt);
+
+    const ToolRun m4a = runTool({"extract-audio", source.string()});
+    ASSERT_EQ(m4a.exitCode, 0) << m4a.err;
+    EXPECT_EQ(probe(folder / "song-audio.m4a").audioCodec, "aac");
+    EXPECT_EQ(runTool({"extract-audio", "--codec", "mp3", source.string()}).exitCode, 2);
 }
 
 }  // namespace

@@ -1,0 +1,103 @@
+#include "cli/EventSink.hpp"
+
+#include <nlohmann/json.hpp>
+
+#include <cmath>
+#include <iostream>
+
+namespace tessarin::cli {
+
+EventSink::EventSink(bool json) : json_(json) {}
+
+void EventSink::emit(const std::string& line) {
+    // Whole lines, flushed, so a reading program sees each event as it happens.
+    std::cout << line << std::endl;
+}
+
+void EventSink::start(const std::filesystem::path& file, const std::string& action) {
+    file_ = file;
+    lastPercent_ = -1;
+    if (json_) {
+        emit(nlohmann::json{{"event", "start"}, {"file", file.string()}, {"action", action}}
+                 .dump());
+    } else {
+        bar_ = std::make_unique<ProgressLine>(file.filename().string());
+        bar_->update(std::nullopt);
+    }
+}
+
+void EventSink::progress(std::optional<double> fraction) {
+    if (!fraction) {
+        return;  // nothing known: leave the display alone
+    }
+    if (json_) {
+        // One event per whole percent is plenty for a reader and keeps the stream small.
+        const int percent = static_cast<int>(std::floor(std::clamp(*fraction, 0.0, 1.0) * 100));
+        if (percent != lastPercent_) {
+            lastPercent_ = percent;
+            emit(nlohmann::json{{"event", "progress"},
+                                {"file", file_.string()},
+                                {"fraction", std::round(*fraction * 1000) / 1000}}
+                     .dump());
+        }
+    } else if (bar_) {
+        bar_->update(fraction);
+    }
+}
+
+void EventSink::warning(const std::string& text) {
+    if (json_) {
+        emit(nlohmann::json{{"event", "warning"}, {"file", file_.string()}, {"text", text}}.dump());
+        return;
+    }
+    if (bar_) {
+        bar_->finish();
+    }
+    std::cerr << "tessarin: " << file_.string() << ": warning: " << text << "\n";
+}
+
+void EventSink::done(const std::filesystem::path& published) {
+    if (json_) {
+        emit(nlohmann::json{{"event", "done"}, {"file", file_.string()}, {"path", published.string()}}
+                 .dump());
+        return;
+    }
+    if (bar_) {
+        bar_->finish();
+    }
+    emit(published.string());
+}
+
+void EventSink::failed(const std::string& step, const std::string& text,
+                       std::optional<int32_t> exitCode) {
+    if (json_) {
+        nlohmann::json event{
+            {"event", "failed"}, {"file", file_.string()}, {"step", step}, {"text", text}};
+        if (exitCode) {
+            event["exitCode"] = *exitCode;
+        }
+        emit(event.dump());
+        return;
+    }
+    if (bar_) {
+        bar_->finish();
+    }
+    std::cerr << "tessarin: " << file_.string() << ": failed at " << step;
+    if (exitCode) {
+        std::cerr << " (exit " << *exitCode << ")";
+    }
+    std::cerr << ": " << text << "\n";
+}
+
+void EventSink::cancelled() {
+    if (json_) {
+        emit(nlohmann::json{{"event", "cancelled"}, {"file", file_.string()}}.dump());
+        return;
+    }
+    if (bar_) {
+        bar_->finish();
+    }
+    std::cerr << "tessarin: " << file_.string() << ": cancelled; nothing was saved.\n";
+}
+
+}  // namespace tessarin::cli
