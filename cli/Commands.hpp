@@ -13,8 +13,16 @@ namespace tessarin::cli {
 // `tessarin probe FILE`: the facts of FILE as one JSON object on stdout.
 int runProbe(const std::filesystem::path& file);
 
-// `tessarin presets`: the built-in presets, one per line, with the reason a preset can't run here.
-int runPresets();
+struct PresetsRequest {
+    enum class Action { list, show, exportFile, importFile };
+    Action action = Action::list;
+    std::string argument;  // the id for show, the file for export and import
+};
+
+// `tessarin presets [show ID | export FILE | import FILE]`: the effective presets (built-ins
+// with the user's edits, then custom presets), one preset's stored form, or custom presets moved
+// between machines through a file.
+int runPresets(const PresetsRequest& request);
 
 struct ConvertRequest {
     std::string presetId;

@@ -4,6 +4,7 @@
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
 #include "cli/Interruption.hpp"
+#include "cli/PresetCatalog.hpp"
 #include "cli/PresetGate.hpp"
 #include "cli/ToolLookup.hpp"
 #include "engine/job/ConversionJob.hpp"
@@ -23,9 +24,8 @@ bool outputFolderIsUsable(const std::optional<fs::path>& folder) {
 }
 
 // Runs the jobs one at a time. Stops at the first cancellation.
-int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools,
-            const PresetGate& gate, const std::optional<fs::path>& outputDirectory, bool json,
-            Interruption& interruption) {
+int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools, const PresetGate& gate,
+            const std::optional<fs::path>& outputDirectory, bool json, Interruption& interruption) {
     EventSink sink(json);
     bool anyFailed = false;
     for (const PlannedJob& planned : jobs) {
@@ -63,7 +63,16 @@ int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools,
 int runConvert(const ConvertRequest& request) {
     Interruption interruption;  // first, so every later thread has the signals blocked
 
-    const engine::Preset* preset = engine::Preset::builtin(request.presetId);
+    // Custom presets and edits of built-ins come from the settings the application shares.
+    std::optional<PresetCatalog> catalog;
+    try {
+        catalog.emplace();
+    } catch (const std::exception& error) {
+        std::cerr << "tessarin: could not read the settings: " << error.what() << "\n";
+        return kExitFailure;
+    }
+    const CatalogEntry* entry = catalog->find(request.presetId);
+    const engine::Preset* preset = entry ? &entry->preset : nullptr;
     if (preset == nullptr) {
         std::cerr << "tessarin: unknown preset \"" << request.presetId
                   << "\"; `tessarin presets` lists them.\n";

@@ -1,9 +1,8 @@
 #include "cli/EventSink.hpp"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
 #include <iostream>
+#include <nlohmann/json.hpp>
 
 namespace tessarin::cli {
 
@@ -18,8 +17,8 @@ void EventSink::start(const std::filesystem::path& file, const std::string& acti
     file_ = file;
     lastPercent_ = -1;
     if (json_) {
-        emit(nlohmann::json{{"event", "start"}, {"file", file.string()}, {"action", action}}
-                 .dump());
+        emit(
+            nlohmann::json{{"event", "start"}, {"file", file.string()}, {"action", action}}.dump());
     } else {
         bar_ = std::make_unique<ProgressLine>(file.filename().string());
         bar_->update(std::nullopt);
@@ -58,7 +57,8 @@ void EventSink::warning(const std::string& text) {
 
 void EventSink::done(const std::filesystem::path& published) {
     if (json_) {
-        emit(nlohmann::json{{"event", "done"}, {"file", file_.string()}, {"path", published.string()}}
+        emit(nlohmann::json{
+            {"event", "done"}, {"file", file_.string()}, {"path", published.string()}}
                  .dump());
         return;
     }

@@ -26,7 +26,8 @@ engine::Trim parseTrim(const std::string& text) {
 
 std::vector<ClipSelection> parseSegments(const std::vector<std::string>& segments) {
     if (segments.size() > ClipSelection::kClipLimit) {
-        throw UsageError(std::string(ClipSelection::Invalid::message(ClipSelection::Invalid::Kind::count)));
+        throw UsageError(
+            std::string(ClipSelection::Invalid::message(ClipSelection::Invalid::Kind::count)));
     }
     std::vector<ClipSelection> clips;
     for (const std::string& segment : segments) {
@@ -76,16 +77,15 @@ std::vector<PlannedJob> planConversions(const engine::Preset& preset,
     for (const auto& file : files) {
         if (ranges.join) {
             // The job turns removed ranges into kept ones against the source's duration.
-            jobs.push_back({file,
-                            engine::MediaTask::join(preset, trimsOf(clips), *ranges.join == "remove"),
-                            preset.id + " join"});
+            jobs.push_back(
+                {file, engine::MediaTask::join(preset, trimsOf(clips), *ranges.join == "remove"),
+                 preset.id + " join"});
             continue;
         }
         for (std::size_t index = 0; index < clips.size(); ++index) {
-            jobs.push_back({file,
-                            engine::taskForClip(engine::MediaTask::convert(preset), clips[index],
-                                                index),
-                            preset.id + " clip " + std::to_string(index + 1)});
+            jobs.push_back(
+                {file, engine::taskForClip(engine::MediaTask::convert(preset), clips[index], index),
+                 preset.id + " clip " + std::to_string(index + 1)});
         }
     }
     return jobs;

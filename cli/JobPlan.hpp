@@ -31,9 +31,9 @@ struct RangeOptions {
 
 // Jobs for a preset: the whole file, its --trim, one job per --segment, or one joined job.
 // Throws UsageError for unknown ids and ranges the clip rules refuse.
-[[nodiscard]] std::vector<PlannedJob> planConversions(const engine::Preset& preset,
-                                                      const std::vector<std::filesystem::path>& files,
-                                                      const RangeOptions& ranges);
+[[nodiscard]] std::vector<PlannedJob> planConversions(
+    const engine::Preset& preset, const std::vector<std::filesystem::path>& files,
+    const RangeOptions& ranges);
 
 // Jobs that extract the first audio track, whole or within --trim.
 [[nodiscard]] std::vector<PlannedJob> planAudioExtractions(

@@ -26,7 +26,17 @@ int main(int argc, char** argv) {
     CLI::App* probe = app.add_subcommand("probe", "Print the facts of a media file as JSON");
     probe->add_option("FILE", probeFile, "The media file")->required();
 
-    CLI::App* presets = app.add_subcommand("presets", "List the built-in presets");
+    PresetsRequest presetsRequest;
+    CLI::App* presets = app.add_subcommand(
+        "presets", "List the presets: built-ins with your edits, then your custom presets");
+    CLI::App* showPreset = presets->add_subcommand("show", "Print a preset's stored form as JSON");
+    showPreset->add_option("ID", presetsRequest.argument, "Preset id")->required();
+    CLI::App* exportPresets =
+        presets->add_subcommand("export", "Write your custom presets to a new file");
+    exportPresets->add_option("FILE", presetsRequest.argument, "File to create")->required();
+    CLI::App* importPresets =
+        presets->add_subcommand("import", "Add the custom presets of an exported file");
+    importPresets->add_option("FILE", presetsRequest.argument, "File to read")->required();
 
     ConvertRequest convert;
     CLI::App* convertCommand =
@@ -35,11 +45,13 @@ int main(int argc, char** argv) {
         ->required();
     convertCommand->add_option("--trim", convert.ranges.trim,
                                "START,END: convert only this range (either side may be empty)");
-    convertCommand->add_option("--segment", convert.ranges.segments,
-                               "START,END[,NAME]: a clip; repeat for several (one file each)")
+    convertCommand
+        ->add_option("--segment", convert.ranges.segments,
+                     "START,END[,NAME]: a clip; repeat for several (one file each)")
         ->allow_extra_args(false);
-    convertCommand->add_option("--join", convert.ranges.join,
-                               "keep: join the segments into one file; remove: cut them out")
+    convertCommand
+        ->add_option("--join", convert.ranges.join,
+                     "keep: join the segments into one file; remove: cut them out")
         ->check(CLI::IsMember({"keep", "remove"}));
     convertCommand->add_option("--output-dir", convert.outputDirectory,
                                "Folder for the results (default: beside each original)");
@@ -68,7 +80,12 @@ int main(int argc, char** argv) {
         return runProbe(probeFile);
     }
     if (*presets) {
-        return runPresets();
+        using Action = PresetsRequest::Action;
+        presetsRequest.action = *showPreset      ? Action::show
+                                : *exportPresets ? Action::exportFile
+                                : *importPresets ? Action::importFile
+                                                 : Action::list;
+        return runPresets(presetsRequest);
     }
     if (*convertCommand) {
         return runConvert(convert);

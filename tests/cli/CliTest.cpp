@@ -1,16 +1,16 @@
 // Drives the built `tessarin` executable as a user would, on generated clips.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <fcntl.h>
 #include <spawn.h>
-#include <unistd.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <fstream>
-#include <sstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "engine/probe/MediaProbe.hpp"
@@ -43,6 +43,9 @@ ToolRun runTool(const std::vector<std::string>& arguments,
         const auto equals = text.find('=');
         environment[text.substr(0, equals)] = text.substr(equals + 1);
     }
+    // Never the real user's settings: a private configuration folder unless a test names one.
+    static const test::TempDir kConfigHome;
+    environment["XDG_CONFIG_HOME"] = kConfigHome.path().string();
     for (const auto& [key, value] : extra) {
         environment[key] = value;
     }
@@ -197,21 +200,22 @@ TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
     test::TempDir folder;
     test::TempDir workRoot;
     // Long enough that the encode is still running when the signal arrives.
-    const fs::path source = test::makeClip(
-        "long-cli-interrupt.mp4", {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60",
-                                   "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+    const fs::path source =
+        test::makeClip("long-cli-interrupt.mp4",
+                       {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60", "-c:v",
+                        "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
     const fs::path copy = copyInto(folder.path(), source, "long.mp4");
 
-    std::vector<std::string> environment = {"TMPDIR=" + workRoot.path().string(),
-                                            "PATH=/usr/bin:/bin",
-                                            "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
+    std::vector<std::string> environment = {
+        "TMPDIR=" + workRoot.path().string(), "PATH=/usr/bin:/bin",
+        "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
     std::vector<char*> envp;
     for (auto& entry : environment) {
         envp.push_back(entry.data());
     }
     envp.push_back(nullptr);
-    std::vector<std::string> arguments = {kTool.string(), "convert", "--json", "--preset",
-                                          "mp4-av1", copy.string()};
+    std::vector<std::string> arguments = {kTool.string(), "convert", "--json",
+                                          "--preset",     "mp4-av1", copy.string()};
     std::vector<char*> argv;
     for (auto& argument : arguments) {
         argv.push_back(argument.data());
@@ -268,8 +272,8 @@ TEST(CliConvert, JsonEventsTrimSegmentsAndJoins) {
     const fs::path source =
         copyInto(folder.path(), test::testClip(TestClip::chapters), "talk.mp4");  // 3 s
 
-    const ToolRun trimmed = runTool({"convert", "--json", "--preset", "mp4-h264", "--trim",
-                                     "0.5,1.5", source.string()});
+    const ToolRun trimmed = runTool(
+        {"convert", "--json", "--preset", "mp4-h264", "--trim", "0.5,1.5", source.string()});
     ASSERT_EQ(trimmed.exitCode, 0) << trimmed.err;
     const auto events = jsonEvents(trimmed.out);
     ASSERT_GE(events.size(), 2u);
@@ -300,9 +304,9 @@ TEST(CliConvert, JsonEventsTrimSegmentsAndJoins) {
     const ToolRun removed = runTool({"convert", "--preset", "mp4-h264", "--segment", "1,2",
                                      "--join", "remove", source.string()});
     ASSERT_EQ(removed.exitCode, 0) << removed.err;
-    EXPECT_NEAR(probe(fs::path(removed.out.substr(0, removed.out.size() - 1)))
-                    .durationSeconds.value_or(0),
-                2.0, 0.3);
+    EXPECT_NEAR(
+        probe(fs::path(removed.out.substr(0, removed.out.size() - 1))).durationSeconds.value_or(0),
+        2.0, 0.3);
 
     const ToolRun backwards =
         runTool({"convert", "--preset", "mp4-h264", "--trim", "5,1", source.string()});
@@ -332,6 +336,87 @@ TEST(CliExtractAudio, WritesTheAudioTrackOrSaysThereIsNone) {
     ASSERT_EQ(m4a.exitCode, 0) << m4a.err;
     EXPECT_EQ(probe(folder / "song-audio.m4a").audioCodec, "aac");
     EXPECT_EQ(runTool({"extract-audio", "--codec", "mp3", source.string()}).exitCode, 2);
+}
+
+TEST(CliPresets, ShowsExportsAndImportsThroughTheSettingsFile) {
+    test::TempDir config;
+    test::TempDir folder;
+    const engine::ProcessRunner::Environment env = {{"XDG_CONFIG_HOME", config.path().string()}};
+    // An edited built-in, a current custom with an out-of-range quality, and a record of a
+    // newer version with members this version doesn't know.
+    const nlohmann::json settings = {
+        {"presetOverrides", {{"mp4-h264", {{"quality", 20}}}}},
+        {"customPresets",
+         {{{"schemaVersion", 1},
+           {"id", "custom-11111111-1111-4111-8111-111111111111"},
+           {"name", "Tiny clips"},
+           {"format", "h264"},
+           {"parameters", {{"quality", 99}, {"scaleMode", "half"}}}},
+          {{"schemaVersion", 7},
+           {"id", "custom-77777777-7777-4777-8777-777777777777"},
+           {"name", "From the future"},
+           {"format", "av1"},
+           {"parameters", {{"quality", 40}, {"grain", {{"level", 3}}}}},
+           {"palette", {1, 2.5, "x"}}}}}};
+    fs::create_directories(config / "tessarin");
+    std::ofstream(config / "tessarin" / "settings.json") << settings.dump();
+
+    const ToolRun list = runTool({"presets"}, env);
+    ASSERT_EQ(list.exitCode, 0) << list.err;
+    EXPECT_THAT(list.out, HasSubstr("mp4-h264        MP4 · Compatible (H.264) (edited)\n"));
+    EXPECT_THAT(list.out, HasSubstr("Tiny clips"));
+    EXPECT_THAT(list.out, HasSubstr("From the future (read-only)"));
+    EXPECT_THAT(list.err, HasSubstr("Tiny clips had invalid values and was repaired"));
+    // Built-ins first, customs after.
+    EXPECT_LT(list.out.find("mp4-h265-vt"), list.out.find("Tiny clips"));
+
+    const ToolRun show = runTool({"presets", "show", "mp4-h264"}, env);
+    ASSERT_EQ(show.exitCode, 0) << show.err;
+    const auto shown = nlohmann::json::parse(show.out);
+    EXPECT_EQ(shown["edited"], true);
+    EXPECT_EQ(shown["parameters"]["quality"], 20);
+    EXPECT_EQ(runTool({"presets", "show", "nope"}, env).exitCode, 2);
+
+    // Export to a new file only; then import into a second machine's settings.
+    const fs::path exported = folder / "mine.json";
+    ASSERT_EQ(runTool({"presets", "export", exported.string()}, env).exitCode, 0);
+    const ToolRun again = runTool({"presets", "export", exported.string()}, env);
+    EXPECT_EQ(again.exitCode, 1);
+    EXPECT_THAT(again.err, HasSubstr("nothing was overwritten"));
+
+    test::TempDir otherConfig;
+    const engine::ProcessRunner::Environment other = {
+        {"XDG_CONFIG_HOME", otherConfig.path().string()}};
+    const ToolRun imported = runTool({"presets", "import", exported.string()}, other);
+    ASSERT_EQ(imported.exitCode, 0) << imported.err;
+    EXPECT_THAT(imported.err, HasSubstr("imported 2 custom presets"));
+    const auto stored =
+        nlohmann::json::parse(std::ifstream(otherConfig / "tessarin" / "settings.json"));
+    ASSERT_EQ(stored["customPresets"].size(), 2u);
+    // The newer record crosses machines unchanged in content.
+    EXPECT_EQ(stored["customPresets"][1], settings["customPresets"][1]);
+    // Importing the same file again adds copies under new ids; nothing is replaced.
+    ASSERT_EQ(runTool({"presets", "import", exported.string()}, other).exitCode, 0);
+    const auto twice =
+        nlohmann::json::parse(std::ifstream(otherConfig / "tessarin" / "settings.json"));
+    ASSERT_EQ(twice["customPresets"].size(), 4u);
+    EXPECT_NE(twice["customPresets"][2]["id"], twice["customPresets"][0]["id"]);
+
+    std::ofstream(folder / "other.json") << R"({"something": "else"})";
+    const ToolRun refused = runTool({"presets", "import", (folder / "other.json").string()}, other);
+    EXPECT_EQ(refused.exitCode, 1);
+    EXPECT_THAT(refused.err, HasSubstr("is not a preset export"));
+
+    // A custom preset converts like a built-in.
+    const fs::path source = copyInto(folder.path(), test::testClip(TestClip::h264Aac), "c.mp4");
+    const ToolRun converted = runTool(
+        {"convert", "--preset", "custom-11111111-1111-4111-8111-111111111111", source.string()},
+        env);
+    ASSERT_EQ(converted.exitCode, 0) << converted.err;
+    const engine::MediaInfo info =
+        probe(fs::path(converted.out.substr(0, converted.out.size() - 1)));
+    EXPECT_EQ(info.videoCodec, "h264");
+    EXPECT_EQ(info.width, 80);  // half of 160
 }
 
 }  // namespace
