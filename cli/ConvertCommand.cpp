@@ -58,17 +58,37 @@ int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools, con
     return anyFailed ? kExitFailure : kExitSuccess;
 }
 
+// The checks every command makes before its first job, then the jobs. `preset`, when given, must
+// be able to run here.
+int runPlanned(const std::vector<PlannedJob>& jobs, const engine::Preset* preset,
+               const std::optional<fs::path>& outputDirectory, bool json,
+               Interruption& interruption) {
+    if (!outputFolderIsUsable(outputDirectory)) {
+        return kExitUsage;
+    }
+    const std::optional<engine::Tools> tools = locateTools();
+    if (!tools) {
+        return kExitToolsMissing;
+    }
+    const PresetGate gate(*tools);
+    if (preset != nullptr) {
+        if (const auto reason = gate.disabledReason(*preset)) {
+            std::cerr << "tessarin: the preset \"" << preset->id << "\" can't run here: " << *reason
+                      << "\n";
+            return kExitFailure;
+        }
+    }
+    return runJobs(jobs, *tools, gate, outputDirectory, json, interruption);
+}
+
 }  // namespace
 
 int runConvert(const ConvertRequest& request) {
     Interruption interruption;  // first, so every later thread has the signals blocked
 
     // Custom presets and edits of built-ins come from the settings the application shares.
-    std::optional<PresetCatalog> catalog;
-    try {
-        catalog.emplace();
-    } catch (const std::exception& error) {
-        std::cerr << "tessarin: could not read the settings: " << error.what() << "\n";
+    const std::optional<PresetCatalog> catalog = PresetCatalog::open();
+    if (!catalog) {
         return kExitFailure;
     }
     const CatalogEntry* entry = catalog->find(request.presetId);
@@ -85,20 +105,7 @@ int runConvert(const ConvertRequest& request) {
         std::cerr << "tessarin: " << error.what() << "\n";
         return kExitUsage;
     }
-    if (!outputFolderIsUsable(request.outputDirectory)) {
-        return kExitUsage;
-    }
-    const std::optional<engine::Tools> tools = locateTools();
-    if (!tools) {
-        return kExitToolsMissing;
-    }
-    const PresetGate gate(*tools);
-    if (const auto reason = gate.disabledReason(*preset)) {
-        std::cerr << "tessarin: the preset \"" << preset->id << "\" can't run here: " << *reason
-                  << "\n";
-        return kExitFailure;
-    }
-    return runJobs(jobs, *tools, gate, request.outputDirectory, request.json, interruption);
+    return runPlanned(jobs, preset, request.outputDirectory, request.json, interruption);
 }
 
 int runExtractAudio(const ExtractAudioRequest& request) {
@@ -110,15 +117,7 @@ int runExtractAudio(const ExtractAudioRequest& request) {
         std::cerr << "tessarin: " << error.what() << "\n";
         return kExitUsage;
     }
-    if (!outputFolderIsUsable(request.outputDirectory)) {
-        return kExitUsage;
-    }
-    const std::optional<engine::Tools> tools = locateTools();
-    if (!tools) {
-        return kExitToolsMissing;
-    }
-    const PresetGate gate(*tools);
-    return runJobs(jobs, *tools, gate, request.outputDirectory, request.json, interruption);
+    return runPlanned(jobs, nullptr, request.outputDirectory, request.json, interruption);
 }
 
 }  // namespace tessarin::cli

@@ -1,6 +1,7 @@
 #include "cli/PresetCatalog.hpp"
 
 #include <algorithm>
+#include <iostream>
 
 #include "presets/PresetSettings.hpp"
 
@@ -19,6 +20,15 @@ PresetCatalog::PresetCatalog()
             entry.readOnly = custom->isReadOnly();
         }
         entries_.push_back(std::move(entry));
+    }
+}
+
+std::optional<PresetCatalog> PresetCatalog::open() {
+    try {
+        return PresetCatalog();
+    } catch (const std::exception& error) {
+        std::cerr << "tessarin: could not read the settings: " << error.what() << "\n";
+        return std::nullopt;
     }
 }
 

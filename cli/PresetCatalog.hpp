@@ -25,6 +25,9 @@ public:
     // built-ins alone.
     PresetCatalog();
 
+    // The catalog, or nothing after printing why the settings could not be read.
+    [[nodiscard]] static std::optional<PresetCatalog> open();
+
     [[nodiscard]] const std::vector<CatalogEntry>& entries() const { return entries_; }
     [[nodiscard]] const CatalogEntry* find(const std::string& id) const;
     // One sentence per preset that had to be repaired while reading.

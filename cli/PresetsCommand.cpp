@@ -172,11 +172,8 @@ int importPresets(PresetCatalog& catalog, const std::filesystem::path& file) {
 }  // namespace
 
 int runPresets(const PresetsRequest& request) {
-    std::optional<PresetCatalog> catalog;
-    try {
-        catalog.emplace();
-    } catch (const std::exception& error) {
-        std::cerr << "tessarin: could not read the settings: " << error.what() << "\n";
+    std::optional<PresetCatalog> catalog = PresetCatalog::open();
+    if (!catalog) {
         return kExitFailure;
     }
     switch (request.action) {
