@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Builds the release tree and runs every benchmark; each prints its figures and ratios.
+# Run on a quiet machine: the ratios compare against plain tools (cat, mv, cp, bare ffmpeg)
+# measured in the same run.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+
+"$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
+  tessarin_publish_bench tessarin_conversion_job_bench
+bin="$root/build/release/bin"
+export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
+
+echo "== process runner (64 MiB in 64 KiB lines vs cat)"
+"$bin/tessarin_process_runner_bench"
+echo "== progress parser"
+"$bin/tessarin_progress_parser_bench"
+echo "== publish (1 GiB: same volume vs mv, copying vs cp)"
+"$bin/tessarin_publish_bench"
+echo "== conversion job overhead (10 s 1280x720, mp4-h264, vs bare ffmpeg)"
+"$bin/tessarin_conversion_job_bench" "${1:-5}"
