@@ -8,6 +8,8 @@ packages=(
   cmake ninja-build g++ pkg-config
   # libraries
   nlohmann-json3-dev libfmt-dev libcli11-dev libsystemd-dev libssl-dev libacl1-dev libicu-dev
+  # application core (QtCore models)
+  qt6-base-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs
   # runtime: the media tools run as child processes
