@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "app/settings/internal/MainThreadHandoff.hpp"
+#include "app/support/MainThreadHandoff.hpp"
 #include "app/settings/internal/ToolchainJSON.hpp"
 #include "engine/encoders/EncoderInventory.hpp"
 #include "engine/log/Log.hpp"
@@ -78,7 +78,7 @@ PresetStore::PresetStore(std::shared_ptr<engine::SettingsStore> defaults,
     : QObject(parent),
       defaults_(std::move(defaults)),
       externalValidator_(std::move(validator)),
-      handoff_(std::make_shared<settings_internal::MainThreadHandoff>(
+      handoff_(std::make_shared<MainThreadHandoff>(
           this, "deliverBackgroundResults", log())) {
     if (!defaults_) {
         throw std::invalid_argument("PresetStore needs a settings store");
@@ -227,7 +227,7 @@ void PresetStore::startBundledQuery(SoftwareHEVCSourceQuery query) {
     try {
         handoff_->start([query = std::move(query), store = this] {
             const engine::SoftwareHEVCSource source = query();
-            return settings_internal::MainThreadHandoff::Completion([store, source] {
+            return MainThreadHandoff::Completion([store, source] {
                 store->bundledSoftwareHEVC_ = source;
                 store->updateEncoderPolicy();
             });
@@ -404,7 +404,7 @@ void PresetStore::startValidation(std::function<ExternalSoftwareHEVCToolchain()>
     const uint64_t generation = ++externalSoftwareHEVCValidationGeneration_;
     setStatus(Status::checking());
     updateEncoderPolicy();
-    using Completion = settings_internal::MainThreadHandoff::Completion;
+    using Completion = MainThreadHandoff::Completion;
     try {
         handoff_->start(
             [check = std::move(check), store = this, generation, storeOnSuccess]() -> Completion {
@@ -505,7 +505,7 @@ void PresetStore::removeStoredToolchain() {
 // ---- background hand-off
 
 void PresetStore::deliverBackgroundResults() {
-    for (const settings_internal::MainThreadHandoff::Completion& completion : handoff_->take()) {
+    for (const MainThreadHandoff::Completion& completion : handoff_->take()) {
         completion();
     }
 }

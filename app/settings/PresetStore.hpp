@@ -42,9 +42,7 @@
 
 namespace tessarin::app {
 
-namespace settings_internal {
 class MainThreadHandoff;
-}
 
 inline constexpr std::string_view kExternalSoftwareHEVCToolchainKey =
     "externalSoftwareHEVCToolchain.v1";
@@ -224,7 +222,7 @@ private:
 
     // What the helper folder offers; `unavailable` until its query answers.
     engine::SoftwareHEVCSource bundledSoftwareHEVC_ = engine::SoftwareHEVCSource::unavailable;
-    std::shared_ptr<settings_internal::MainThreadHandoff> handoff_;
+    std::shared_ptr<MainThreadHandoff> handoff_;
 };
 
 }  // namespace tessarin::app

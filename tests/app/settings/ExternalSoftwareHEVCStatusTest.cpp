@@ -9,7 +9,7 @@
 
 #include "app/settings/PresetStore.hpp"
 #include "engine/encoders/EncoderInventory.hpp"
-#include "tests/app/settings/AppSettingsTestSupport.hpp"
+#include "tests/app/support/AppTestSupport.hpp"
 
 namespace tessarin::app {
 namespace {

@@ -9,7 +9,7 @@
 #include "app/settings/PresetStore.hpp"
 #include "engine/model/Preset.hpp"
 #include "presets/PresetResolver.hpp"
-#include "tests/app/settings/AppSettingsTestSupport.hpp"
+#include "tests/app/support/AppTestSupport.hpp"
 
 namespace tessarin::app {
 namespace {

@@ -1,11 +1,11 @@
-#include "app/settings/internal/MainThreadHandoff.hpp"
+#include "app/support/MainThreadHandoff.hpp"
 
 #include <QMetaObject>
 #include <exception>
 #include <thread>
 #include <utility>
 
-namespace tessarin::app::settings_internal {
+namespace tessarin::app {
 
 MainThreadHandoff::MainThreadHandoff(QObject* target, const char* deliveryMethod,
                                      engine::Logger log)
@@ -82,4 +82,4 @@ bool MainThreadHandoff::waitUntilIdle(std::chrono::milliseconds limit) {
     return idle_.wait_for(lock, limit, [this] { return running_ == 0; });
 }
 
-}  // namespace tessarin::app::settings_internal
+}  // namespace tessarin::app

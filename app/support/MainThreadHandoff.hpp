@@ -23,7 +23,7 @@
 
 #include "engine/log/Log.hpp"
 
-namespace tessarin::app::settings_internal {
+namespace tessarin::app {
 
 class MainThreadHandoff : public std::enable_shared_from_this<MainThreadHandoff> {
 public:
@@ -60,4 +60,4 @@ private:
     int running_ = 0;                      // guarded by mutex_
 };
 
-}  // namespace tessarin::app::settings_internal
+}  // namespace tessarin::app

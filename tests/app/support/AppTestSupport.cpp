@@ -1,4 +1,4 @@
-#include "tests/app/settings/AppSettingsTestSupport.hpp"
+#include "tests/app/support/AppTestSupport.hpp"
 
 #include <QCoreApplication>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// A QCoreApplication for the store's event loop, a private configuration home, and small
-// readers of settings files for the preset store tests.
+// A QCoreApplication for the models' event loop, a private configuration home, and small
+// readers of settings files, for the tests of the application layer.
 #pragma once
 
 #include <chrono>
