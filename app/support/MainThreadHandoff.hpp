@@ -38,6 +38,10 @@ public:
     // is logged and hands back nothing. Throws std::system_error when no thread can be started.
     void start(Work work);
 
+    // Hands `completion` back as if a work item had returned it: for events a worker reports
+    // while it runs. Any thread; dropped once detached.
+    void post(Completion completion) { deliver(std::move(completion)); }
+
     // The completions handed back so far, in arrival order. Main thread.
     [[nodiscard]] std::vector<Completion> take();
 

@@ -1,0 +1,44 @@
+#include "app/queue/ConversionQueueJob.hpp"
+
+#include <utility>
+
+namespace tessarin::app {
+
+ConversionQueueJob::ConversionQueueJob(std::filesystem::path source, engine::MediaTask task,
+                                       engine::Tools tools, engine::EncoderCapabilityPolicy policy,
+                                       std::optional<std::filesystem::path> outputDirectory,
+                                       engine::HardwareEncoderSupport hardware)
+    : job_(std::move(source), std::move(task), std::move(tools),
+           engine::MediaInputPolicy::unrestricted, policy, std::move(outputDirectory),
+           std::move(hardware)) {}
+
+std::filesystem::path ConversionQueueJob::run(const Callbacks& callbacks) {
+    engine::ConversionJob::Callbacks engineCallbacks;
+    engineCallbacks.onProgress = callbacks.onProgress;
+    engineCallbacks.onWarning = callbacks.onWarning;
+    if (callbacks.onPhase) {
+        engineCallbacks.onPhase = [&callbacks](engine::JobPhase phase) {
+            callbacks.onPhase(phaseLabel(phase));
+        };
+    }
+    if (callbacks.onSourceInfo) {
+        engineCallbacks.onInfo = [&callbacks](const engine::MediaInfo& info) {
+            callbacks.onSourceInfo(info.durationSeconds, info.isHDR);
+        };
+    }
+    return job_.run(engineCallbacks);
+}
+
+const char* phaseLabel(engine::JobPhase phase) {
+    switch (phase) {
+        case engine::JobPhase::copyingToDestination:
+            return "Copying to destination…";
+        case engine::JobPhase::checkingCut:
+            return "Checking the cut…";
+        case engine::JobPhase::encoding:
+            break;
+    }
+    return "";
+}
+
+}  // namespace tessarin::app

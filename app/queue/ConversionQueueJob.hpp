@@ -1,0 +1,30 @@
+// A queue job around the engine's ConversionJob: convert, join, audio extraction and fast cut.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+#include "app/queue/QueueJob.hpp"
+#include "engine/job/ConversionJob.hpp"
+
+namespace tessarin::app {
+
+class ConversionQueueJob final : public QueueJob {
+public:
+    // Nothing runs until run(); see ConversionJob for the arguments.
+    ConversionQueueJob(std::filesystem::path source, engine::MediaTask task, engine::Tools tools,
+                       engine::EncoderCapabilityPolicy policy,
+                       std::optional<std::filesystem::path> outputDirectory,
+                       engine::HardwareEncoderSupport hardware);
+
+    [[nodiscard]] std::filesystem::path run(const Callbacks& callbacks) override;
+    void cancel() override { job_.cancel(engine::ConversionJob::kUserCancelGrace); }
+
+private:
+    engine::ConversionJob job_;
+};
+
+// The row's phase text of an engine phase; empty while encoding.
+[[nodiscard]] const char* phaseLabel(engine::JobPhase phase);
+
+}  // namespace tessarin::app

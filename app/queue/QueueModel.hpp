@@ -1,0 +1,291 @@
+// The queue: every file from intake to result, and the one object the main window observes.
+// Files enter from drops, the file panel, the command line and links through intake(); a file is
+// started at once under an action or staged until the user chooses one. Jobs run one at a time
+// on background threads and report back through the main thread's event loop.
+//
+//   QueueModel queue(tools);
+//   queue.presetLookup = [&store](std::string_view id) { return store.preset(id); };
+//   queue.destinationResolver = [&output](auto override) { return output.resolve(override); };
+//   queue.setSelectedActionID(ActionID::preset("mp4-h264"));
+//   queue.intake({QUrl::fromLocalFile("/videos/a.mov")}, {});
+//   QObject::connect(&queue, &QueueModel::itemsChanged, view, &View::reload);
+//
+// Threads: a QueueModel lives on the main thread and every member must be called there. File
+// examination and folder walks of intake, and every job, run on worker threads; nothing here
+// blocks the main thread on the file system except the lstat/stat of the URLs given directly
+// (at most 1,000 after the count check, as the window hands them over).
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QUrl>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/destinations/OutputDestination.hpp"
+#include "app/queue/ActionCatalog.hpp"
+#include "app/queue/IntakeFiles.hpp"
+#include "app/queue/QueueJob.hpp"
+#include "engine/clips/Uuid.hpp"
+#include "engine/encoders/EncoderCapabilityPolicy.hpp"
+#include "engine/encoders/HardwareEncoderProbe.hpp"
+#include "engine/model/JobFailure.hpp"
+#include "engine/model/Preset.hpp"
+#include "engine/process/Tools.hpp"
+
+namespace tessarin::app {
+
+class MainThreadHandoff;
+class ProgressRelay;
+
+struct QueueItem {
+    enum class StateKind { running, done, failed, needsPreset, waiting };
+
+    struct State {
+        StateKind kind = StateKind::needsPreset;
+        std::optional<double> progress;             // running: 0 to 1, or unknown
+        std::filesystem::path output;               // done
+        std::optional<engine::JobFailure> failure;  // failed
+
+        bool operator==(const State&) const = default;
+    };
+
+    engine::Uuid id;
+    std::filesystem::path source;
+    std::optional<JobKind> kind;
+    std::optional<ActionDescriptor> descriptor;
+    std::optional<std::string> trimLabel;
+    // A trim of this file alone; wins over the batch trim when the file starts.
+    std::optional<engine::Trim> pendingTrim;
+    std::optional<IntakeFileID> sourceID;
+    OutputDestination::Resolution destination;
+    bool destinationWasOverridden = false;
+    State state;
+    std::optional<int64_t> sourceBytes;
+    std::optional<int64_t> outputBytes;
+    bool isHDR = false;
+    std::optional<double> sourceDurationSeconds;
+    std::optional<double> outputDurationSeconds;
+    std::optional<std::string> phaseLabel;
+    bool isCheckingCut = false;
+    std::optional<std::string> warningNote;
+
+    // The row's state text: the action's verb while running, "Converted"…, "Failed" or
+    // "Cancelled", "Waiting for an action", "Waiting".
+    [[nodiscard]] std::string stateLabel() const;
+    [[nodiscard]] bool isFinished() const {
+        return state.kind == StateKind::done || state.kind == StateKind::failed;
+    }
+};
+
+// A batch waiting for the user's confirmation.
+struct PendingIntake {
+    struct File {
+        std::filesystem::path path;
+        std::optional<IntakeFileID> id;
+    };
+
+    engine::Uuid id;
+    std::vector<File> identified;
+    std::optional<ActionID> action;
+    std::optional<std::string> trimLabel;
+    std::optional<engine::Trim> trim;
+    std::optional<std::filesystem::path> destinationOverride;
+    bool destinationWasOverridden = false;
+    std::size_t duplicatesSkipped = 0;
+
+    // "Add {n} Videos" or "Transcribe {n} Videos".
+    [[nodiscard]] std::string title() const;
+    // "{n} videos found ({k} duplicates skipped). Add all to the queue?" and the transcription
+    // form.
+    [[nodiscard]] std::string message() const;
+};
+
+// Where the files of one intake come from, and whether they should start at once.
+struct IntakeOptions {
+    // The action chosen by the caller; without one, the window's selected action applies (never
+    // a selected transcribe or frames for an external intake).
+    std::optional<ActionID> action;
+    std::optional<std::filesystem::path> destinationOverride;
+    std::optional<engine::Trim> trim;
+    // From outside the window: the command line, the file manager, links.
+    bool isExternal = false;
+    // The caller wants the batch to run now (a Convert of dropped files, a trusted link).
+    bool startRequested = false;
+};
+
+// What transcription needs before a file may be queued for it; filled by the transcription
+// settings when they exist. Each false refuses the intake with its sentence.
+struct TranscriptionPrerequisites {
+    bool hasUsableModel = false;
+    bool hasAPIKey = false;
+    bool hasConsent = false;
+    bool modelUploadsVideo = false;  // the consent needed is the video-upload one
+    bool glossaryReviewDue = false;
+};
+
+class QueueModel : public QObject {
+    Q_OBJECT
+
+public:
+    enum class FolderResultDeliveryEvent { beforeMainActor, afterMainActor };
+
+    using FolderWalker = std::function<FolderWalkResult(
+        const std::vector<std::filesystem::path>& folders, std::size_t entryLimit,
+        std::size_t videoLimit, const CancellationFlag& cancel)>;
+    // Makes the job of a transcribe or frames item; nothing fails the item.
+    using JobFactory = std::function<std::shared_ptr<QueueJob>(const QueueItem& item)>;
+
+    // Without `tools` (the helper folder is incomplete) the queue refuses all work.
+    explicit QueueModel(std::optional<engine::Tools> tools, QObject* parent = nullptr);
+    // Cancels the running job and scan and waits for their threads (at most the cancel grace
+    // and a little more); results still on their way are dropped.
+    ~QueueModel() override;
+
+    QueueModel(const QueueModel&) = delete;
+    QueueModel& operator=(const QueueModel&) = delete;
+
+    // Collaborators, replaceable; set them before the first intake. Defaults: the baseline
+    // encoder policy, no presets but the built-ins, no hardware encoders, every destination
+    // next to its original, no transcription, no frames, the default folder walker.
+    std::function<engine::EncoderCapabilityPolicy()> encoderCapabilityPolicy;
+    std::function<std::optional<engine::Preset>(std::string_view id)> presetLookup;
+    std::function<engine::HardwareEncoderSupport()> hardwareEncoders;
+    // The tools for an `h265` encode under an external toolchain, when one is ready.
+    std::function<std::optional<engine::Tools>()> externalSoftwareHEVCTools;
+    std::function<OutputDestination::Resolution(std::optional<std::filesystem::path> override)>
+        destinationResolver;
+    std::function<TranscriptionPrerequisites()> transcriptionPrerequisites;
+    JobFactory transcriptionJobFactory;
+    JobFactory framesJobFactory;
+    FolderWalker folderWalker;
+    std::function<void(FolderResultDeliveryEvent, uint64_t generation)>
+        folderResultDeliveryObserver;
+    // Desktop notifications: whether the window is active, and posting one (title, body).
+    std::function<bool()> isApplicationActive;
+    std::function<void(const std::string& title, const std::string& body)> postNotification;
+    // Receives the redacted text of each failure, for the diagnostics report.
+    std::function<void(const std::string& redacted)> recordEngineError;
+
+    [[nodiscard]] const std::vector<QueueItem>& items() const { return items_; }
+    [[nodiscard]] const QueueItem* item(const engine::Uuid& id) const;
+    [[nodiscard]] bool hasTools() const { return tools_.has_value(); }
+    [[nodiscard]] bool isWorking() const { return isWorking_; }
+    [[nodiscard]] bool isScanning() const { return scan_ != nullptr; }
+    [[nodiscard]] bool isShuttingDown() const { return isShuttingDown_; }
+    // Whether a job runs or waits: what the quit alert asks about.
+    [[nodiscard]] bool hasUnfinishedWork() const;
+    [[nodiscard]] std::size_t stagedCount() const;
+
+    [[nodiscard]] const std::optional<ActionID>& selectedActionID() const {
+        return selectedActionID_;
+    }
+    void setSelectedActionID(std::optional<ActionID> id);
+    // The batch trim, as typed.
+    [[nodiscard]] const std::string& trimStart() const { return trimStart_; }
+    [[nodiscard]] const std::string& trimEnd() const { return trimEnd_; }
+    void setTrim(std::string start, std::string end);
+    // The inline text under the batch trim fields, or nothing when the trim is usable (or empty).
+    [[nodiscard]] std::optional<std::string> trimValidationText() const;
+
+    [[nodiscard]] const std::optional<PendingIntake>& pendingIntake() const {
+        return pendingIntake_;
+    }
+    [[nodiscard]] const std::optional<std::string>& intakeNotice() const { return intakeNotice_; }
+    [[nodiscard]] uint64_t intakeGeneration() const { return intakeGeneration_; }
+
+    // Every way in. `urls` that aren't file URLs are skipped. Returns whether anything was
+    // taken in, staged for confirmation, or a folder scan began.
+    bool intake(const QList<QUrl>& urls, const IntakeOptions& options);
+    void confirmPendingIntake();
+    void dismissPendingIntake();
+
+    // The Convert button: gives the selected action to the staged items and starts work.
+    void start();
+    // Runs the first waiting item if nothing runs.
+    void startNext();
+    // A running item is asked to stop (it ends "Cancelled"); a waiting or staged one is removed.
+    void cancel(const engine::Uuid& id);
+    // Removes a row that doesn't run.
+    void remove(const engine::Uuid& id);
+    void clearFinished();
+    // Appends a line to the notice unless it is there already.
+    void notice(const std::string& text);
+    void dismissNotice();
+    // Refuses new work, cancels the running job and the scan, and drops what waits.
+    void prepareForQuit();
+
+    // Blocks until no job or scan thread runs, at most `limit`; true when none does. Results
+    // arrive through the event loop afterwards. For orderly shutdown and tests.
+    [[nodiscard]] bool waitForBackgroundWork(std::chrono::milliseconds limit);
+
+signals:
+    // Rows were added, removed or changed (state, progress, labels).
+    void itemsChanged();
+    void itemChanged(const QString& id);
+    void selectedActionChanged();
+    void trimChanged();
+    void pendingIntakeChanged();
+    void intakeNoticeChanged();
+    void scanningChanged();
+
+private slots:
+    void deliverBackgroundResults();
+
+private:
+    struct Scan;
+    struct RunningJob;
+    struct Candidate {
+        std::filesystem::path path;
+        std::optional<IntakeFileID> id;
+    };
+
+    [[nodiscard]] std::optional<ActionDescriptor> resolveDescriptor(const ActionID& id);
+    [[nodiscard]] ActionAvailability availability();
+    // Steps 9 to 11 of an intake, on the main thread, after files are known.
+    bool admit(std::vector<Candidate> files, const std::optional<ActionID>& action,
+               const IntakeOptions& options, bool confirmed);
+    void addItems(const std::vector<Candidate>& files, const std::optional<ActionID>& action,
+                  const std::optional<engine::Trim>& trim,
+                  const std::optional<std::filesystem::path>& destinationOverride,
+                  bool destinationWasOverridden);
+    [[nodiscard]] bool checkTranscriptionPrerequisites(bool forStart);
+    [[nodiscard]] bool isDuplicate(const IntakeFileID& id,
+                                   const std::optional<ActionID>& action) const;
+    void finishScan(uint64_t generation, FolderWalkResult result, std::optional<ActionID> action,
+                    IntakeOptions options, std::vector<Candidate> directFiles);
+    void runItem(QueueItem& item);
+    [[nodiscard]] std::shared_ptr<QueueJob> makeJob(const QueueItem& item);
+    void finishItem(const engine::Uuid& id, std::optional<std::filesystem::path> output,
+                    std::optional<engine::JobFailure> failure);
+    void updateItem(const engine::Uuid& id, const std::function<void(QueueItem&)>& change);
+    [[nodiscard]] QueueItem* findItem(const engine::Uuid& id);
+    [[nodiscard]] std::optional<engine::Trim> batchTrim() const;
+    void requireMainThread() const;
+
+    const std::optional<engine::Tools> tools_;
+    std::vector<QueueItem> items_;
+    std::optional<ActionID> selectedActionID_;
+    std::string trimStart_;
+    std::string trimEnd_;
+    std::optional<PendingIntake> pendingIntake_;
+    std::optional<std::string> intakeNotice_;
+    bool isWorking_ = false;
+    bool isShuttingDown_ = false;
+    uint64_t intakeGeneration_ = 0;
+    uint64_t deliveredGeneration_ = 0;
+    std::vector<std::filesystem::path> intakeFolders_;
+    std::shared_ptr<Scan> scan_;
+    std::shared_ptr<RunningJob> running_;
+    std::shared_ptr<MainThreadHandoff> handoff_;
+};
+
+}  // namespace tessarin::app
