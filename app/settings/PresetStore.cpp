@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "app/support/MainThreadHandoff.hpp"
 #include "app/settings/internal/ToolchainJSON.hpp"
+#include "app/support/MainThreadHandoff.hpp"
 #include "engine/encoders/EncoderInventory.hpp"
 #include "engine/log/Log.hpp"
 #include "presets/PresetFormat.hpp"
@@ -78,8 +78,7 @@ PresetStore::PresetStore(std::shared_ptr<engine::SettingsStore> defaults,
     : QObject(parent),
       defaults_(std::move(defaults)),
       externalValidator_(std::move(validator)),
-      handoff_(std::make_shared<MainThreadHandoff>(
-          this, "deliverBackgroundResults", log())) {
+      handoff_(std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults", log())) {
     if (!defaults_) {
         throw std::invalid_argument("PresetStore needs a settings store");
     }
@@ -252,6 +251,14 @@ const std::vector<engine::Preset>& PresetStore::effectivePresets() {
             resolver.effectivePresets(engine::Preset::builtins(), encoderPolicy_);
     }
     return *cachedEffectivePresets_;
+}
+
+std::vector<engine::Preset> PresetStore::allPresets() const {
+    requireMainThread();
+    PresetResolver resolver;
+    resolver.overrides = overrides_;
+    resolver.customs = customs_;
+    return resolver.effectivePresets(engine::Preset::builtins());
 }
 
 std::optional<engine::Preset> PresetStore::preset(std::string_view id) {

@@ -134,6 +134,9 @@ public:
     // The built-ins with their overrides, then the customs, without what the encoder policy does
     // not allow. Computed once per change.
     [[nodiscard]] const std::vector<engine::Preset>& effectivePresets();
+    // The built-ins with their overrides, then the customs, also those the encoder policy does
+    // not allow: what the chips show, the refused ones with their reason.
+    [[nodiscard]] std::vector<engine::Preset> allPresets() const;
     // An effective preset by id: the queue's preset lookup.
     [[nodiscard]] std::optional<engine::Preset> preset(std::string_view id);
     // The override of a built-in, or the parameters of the shipped preset; nothing for an id

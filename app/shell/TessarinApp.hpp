@@ -1,0 +1,147 @@
+// The application core: makes the long-lived models, wires them together, runs the launch
+// sequence, routes what the desktop hands over (files and links) and answers whether quitting
+// needs the user's word. It holds little logic of its own; the window (gui/) takes the models
+// from here by reference.
+//
+//   QApplication qt(argc, argv);
+//   TessarinApp app(TessarinApp::Environment::standard());
+//   app.launch();
+//   MainWindow window(app);  // binds to app.queue(), app.presetStore()...
+//   app.openURLs(urlsFromTheCommandLine);
+//
+// Threads: everything here is called on the main thread. The models it owns do their slow work
+// on worker threads (see each of them).
+#pragma once
+
+#include <QList>
+#include <QObject>
+#include <QUrl>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "app/destinations/OutputDestination.hpp"
+#include "app/queue/QueueModel.hpp"
+#include "app/settings/PresetStore.hpp"
+#include "engine/encoders/HardwareEncoderProbe.hpp"
+#include "engine/process/Tools.hpp"
+#include "engine/settings/SettingsStore.hpp"
+
+namespace tessarin::app {
+
+class DesktopNotifier;
+class MainThreadHandoff;
+
+// One persisted setting: the whole persisted state outside files and the keyring is this list.
+struct SettingsKey {
+    std::string_view key;
+    std::string_view owner;
+    std::string_view meaning;
+};
+
+// Every key of the settings store, in the order of the settings table.
+[[nodiscard]] const std::vector<SettingsKey>& settingsKeys();
+
+inline constexpr std::string_view kUIScaleKey = "uiScale";
+inline constexpr std::string_view kDiagnosticsConsentKey = "diagnosticsConsent";
+inline constexpr std::string_view kRecentEngineErrorsKey = "recentEngineErrors";
+// How many redacted failures the diagnostics report keeps.
+inline constexpr std::size_t kRecentEngineErrorsLimit = 20;
+
+// Shown instead of the queue when the helper folder lacks a tool.
+inline constexpr const char* kMissingToolsSentence =
+    "ffmpeg/ffprobe/gifsicle not found — reinstall Tessarin so that its helper folder "
+    "(libexec/tessarin) holds them, or install them with `sudo apt install ffmpeg gifsicle`";
+
+class TessarinApp : public QObject {
+    Q_OBJECT
+
+public:
+    // What the core is made from; tests replace parts of it.
+    struct Environment {
+        std::shared_ptr<engine::SettingsStore> settings;
+        // Nothing when the helper folder is incomplete: the queue then refuses all work.
+        std::optional<engine::Tools> tools;
+        // Probes the hardware encoders once, on a worker thread. Empty: none.
+        std::function<engine::HardwareEncoderSupport(const engine::Tools&)> probeHardware;
+        // Whether the window is the active one (for notifications). Empty: never active.
+        std::function<bool()> isApplicationActive;
+        // Posts a desktop notification. Empty: over D-Bus (org.freedesktop.Notifications).
+        std::function<void(const std::string& title, const std::string& body)> postNotification;
+
+        // The standard settings file, the helper folder's tools, the real hardware probe.
+        [[nodiscard]] static Environment standard();
+    };
+
+    enum class QuitDecision { quitNow, askConversionsInProgress };
+
+    explicit TessarinApp(Environment environment, QObject* parent = nullptr);
+    ~TessarinApp() override;
+
+    TessarinApp(const TessarinApp&) = delete;
+    TessarinApp& operator=(const TessarinApp&) = delete;
+
+    // The launch sequence: the launch log line, the bookmark refresh, the hardware probe.
+    // The models stand from construction on.
+    void launch();
+
+    [[nodiscard]] engine::SettingsStore& settings() { return *settings_; }
+    [[nodiscard]] PresetStore& presetStore() { return *presetStore_; }
+    [[nodiscard]] QueueModel& queue() { return *queue_; }
+    [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
+    [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
+    [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
+        return hardware_;
+    }
+    // What decides which actions can run: the chips' disabled reasons.
+    [[nodiscard]] ActionAvailability actionAvailability();
+    // The chips: every preset (built-ins with edits, then customs; those this machine can't
+    // run carry their reason), then the fixed actions.
+    [[nodiscard]] std::vector<ActionDescriptor> actionCatalog();
+
+    // Files and links from the command line, the file manager or a second launch: plain file
+    // URLs go to the queue with no action; tessarin:// links are not taken yet and are logged;
+    // anything else is dropped with a log line.
+    void openURLs(const QList<QUrl>& urls);
+
+    // Whether quitting needs the alert; its texts below.
+    [[nodiscard]] QuitDecision quitDecision() const;
+    // Cancels the running job and drops what waits.
+    void prepareForQuit();
+
+    // The interface scale, 1.0 to 2.0 (stored clamped); never affects output.
+    [[nodiscard]] double uiScale() const;
+    void setUIScale(double scale);
+
+    static constexpr const char* kQuitAlertTitle = "Conversions in progress";
+    static constexpr const char* kQuitAlertText =
+        "Quitting cancels running work and drops waiting files. Finished outputs are kept. Any "
+        "unsaved recovered transcripts will be lost.";
+    static constexpr const char* kQuitAlertKeep = "Keep Converting";
+    static constexpr const char* kQuitAlertQuit = "Quit Anyway";
+
+signals:
+    // The hardware probe answered, or presets changed: the chips should be rebuilt.
+    void actionCatalogChanged();
+
+private slots:
+    void deliverBackgroundResults();
+
+private:
+    void recordEngineError(const std::string& redacted);
+
+    std::shared_ptr<engine::SettingsStore> settings_;
+    std::optional<engine::Tools> tools_;
+    Environment environment_;
+    engine::HardwareEncoderSupport hardware_;
+    std::unique_ptr<PresetStore> presetStore_;
+    std::unique_ptr<OutputDestination> outputDestination_;
+    std::unique_ptr<QueueModel> queue_;
+    std::unique_ptr<DesktopNotifier> notifier_;
+    std::shared_ptr<MainThreadHandoff> handoff_;
+};
+
+}  // namespace tessarin::app
