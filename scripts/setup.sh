@@ -11,7 +11,7 @@ packages=(
   # application core (QtCore models)
   qt6-base-dev
   # tests and benchmarks
-  libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs
+  libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
   # runtime: the media tools run as child processes
   ffmpeg gifsicle
 )

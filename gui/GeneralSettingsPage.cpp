@@ -1,0 +1,148 @@
+#include "gui/GeneralSettingsPage.hpp"
+
+#include <QButtonGroup>
+#include <QFileDialog>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSpinBox>
+#include <QVBoxLayout>
+#include <cmath>
+
+#include "app/destinations/OutputAvailabilityModel.hpp"
+#include "app/destinations/OutputDestinationTexts.hpp"
+#include "app/shell/TessarinApp.hpp"
+#include "gui/UIScale.hpp"
+
+namespace tessarin::gui {
+namespace {
+
+QString qs(std::string_view text) {
+    return QString::fromUtf8(text.data(), text.size());
+}
+
+}  // namespace
+
+GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
+    : QWidget(parent),
+      app_(app),
+      availability_(std::make_unique<app::OutputAvailabilityModel>(app.outputDestination())),
+      modes_(new QButtonGroup(this)),
+      chooseFolder_(new QPushButton(qs(app::kChooseFolderButton), this)),
+      path_(new QLabel(this)),
+      status_(new QLabel(this)),
+      scale_(new QSpinBox(this)) {
+    auto* output = new QGroupBox(tr("Output"), this);
+    auto* outputLayout = new QVBoxLayout(output);
+    outputLayout->setSpacing(6);
+    outputLayout->addWidget(new QLabel(qs(app::kOutputModeLabel), output));
+    const std::pair<app::OutputMode, std::string_view> choices[] = {
+        {app::OutputMode::sameFolder, app::kSameFolderChoice},
+        {app::OutputMode::customFolder, app::kCustomFolderChoice},
+        {app::OutputMode::askEachTime, app::kAskEachTimeChoice},
+    };
+    for (const auto& [mode, text] : choices) {
+        auto* radio = new QRadioButton(qs(text), output);
+        radio->setObjectName(QString::fromUtf8(app::rawValue(mode).data()));
+        modes_->addButton(radio, static_cast<int>(mode));
+        outputLayout->addWidget(radio);
+    }
+    connect(modes_, &QButtonGroup::idClicked, this, [this](int id) {
+        app_.outputDestination().setMode(static_cast<app::OutputMode>(id));
+        availability_->refresh();
+    });
+
+    auto* folderRow = new QHBoxLayout;
+    chooseFolder_->setObjectName("chooseFolderButton");
+    path_->setObjectName("outputFolderPath");
+    path_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    path_->setTextFormat(Qt::PlainText);
+    folderRow->addSpacing(24);
+    folderRow->addWidget(chooseFolder_);
+    folderRow->addWidget(path_, 1);
+    outputLayout->addLayout(folderRow);
+    status_->setObjectName("outputFolderStatus");
+    status_->setWordWrap(true);
+    outputLayout->addWidget(status_);
+    auto* note = new QLabel(qs(app::kOutputSettingsNote), output);
+    note->setWordWrap(true);
+    note->setForegroundRole(QPalette::PlaceholderText);
+    outputLayout->addWidget(note);
+    connect(chooseFolder_, &QPushButton::clicked, this, [this] {
+        const QString folder =
+            QFileDialog::getExistingDirectory(this, qs(app::kChooseOutputFolderMessage));
+        if (!folder.isEmpty()) {
+            chooseFolder(folder);
+        }
+    });
+
+    auto* interface = new QGroupBox(tr("Interface"), this);
+    auto* interfaceLayout = new QFormLayout(interface);
+    scale_->setObjectName("uiScale");
+    scale_->setRange(100, 200);
+    scale_->setSingleStep(10);
+    scale_->setSuffix(QStringLiteral(" %"));
+    scale_->setValue(static_cast<int>(std::lround(app_.uiScale() * 100)));
+    scale_->setToolTip(tr("Text and spacing size; never affects output"));
+    interfaceLayout->addRow(tr("Interface scale:"), scale_);
+    connect(scale_, &QSpinBox::valueChanged, this, [this](int percent) {
+        app_.setUIScale(percent / 100.0);
+        applyUIScale(app_.uiScale());
+    });
+
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(16, 16, 16, 16);
+    layout->setSpacing(14);
+    layout->addWidget(output);
+    layout->addWidget(interface);
+    layout->addStretch();
+
+    connect(availability_.get(), &app::OutputAvailabilityModel::availabilityChanged, this,
+            &GeneralSettingsPage::showAvailability);
+    connect(availability_.get(), &app::OutputAvailabilityModel::displayedPathChanged, this,
+            &GeneralSettingsPage::showAvailability);
+    showMode();
+    showAvailability();
+    availability_->refresh();
+}
+
+GeneralSettingsPage::~GeneralSettingsPage() = default;
+
+void GeneralSettingsPage::chooseFolder(const QString& folder) {
+    if (const auto sentence = availability_->chooseFolder(folder.toStdString())) {
+        QMessageBox::warning(this, tr("Output folder"), QString::fromStdString(*sentence));
+    }
+    showMode();
+}
+
+void GeneralSettingsPage::showMode() {
+    const app::OutputMode mode = app_.outputDestination().mode();
+    if (QAbstractButton* button = modes_->button(static_cast<int>(mode))) {
+        button->setChecked(true);
+    }
+    const bool custom = mode == app::OutputMode::customFolder;
+    chooseFolder_->setEnabled(true);
+    path_->setEnabled(custom);
+    status_->setVisible(custom && !status_->text().isEmpty());
+}
+
+void GeneralSettingsPage::showAvailability() {
+    using Availability = app::OutputAvailabilityModel::Availability;
+    const auto& path = availability_->displayedPath();
+    path_->setText(path ? QString::fromStdString(*path) : tr("No folder chosen"));
+    QString status;
+    if (availability_->availability() == Availability::checking) {
+        status = tr("Checking…");
+    } else if (const auto sentence = availability_->statusSentence()) {
+        status = qs(*sentence);
+    }
+    status_->setText(status);
+    status_->setVisible(app_.outputDestination().mode() == app::OutputMode::customFolder &&
+                        !status.isEmpty());
+}
+
+}  // namespace tessarin::gui

@@ -1,0 +1,72 @@
+// The main window: the drop zone, the action chips, the batch trim, the queue with Convert and
+// Clear Finished, the notice banner, the confirmation of large batches and the quit alert.
+//
+// Threads: main thread only, like the models it binds to. It owns no state of its own beyond
+// what is on screen; every decision is the queue's.
+#pragma once
+
+#include <QMainWindow>
+#include <QMessageBox>
+#include <QPointer>
+
+#include "app/shell/TessarinApp.hpp"
+#include "gui/SettingsWindow.hpp"
+
+class QLabel;
+class QLineEdit;
+class QPushButton;
+
+namespace tessarin::gui {
+
+class ActionChips;
+class DropZone;
+class NoticeBanner;
+class QueueList;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+
+public:
+    explicit MainWindow(app::TessarinApp& app, QWidget* parent = nullptr);
+    ~MainWindow() override;
+
+    // What a drop on the window does: under "Ask each time" a folder panel first (cancelling it
+    // drops the drop), then the queue's intake.
+    void dropURLs(const QList<QUrl>& urls);
+    // Opens (or raises) the settings window.
+    SettingsWindow* showSettings();
+
+    [[nodiscard]] ActionChips* chips() const { return chips_; }
+    [[nodiscard]] QueueList* queueList() const { return queueList_; }
+    [[nodiscard]] NoticeBanner* notice() const { return notice_; }
+    // The confirmation of a large batch while it is open.
+    [[nodiscard]] QMessageBox* pendingIntakeDialog() const { return pendingDialog_; }
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    QWidget* makeQueuePane();
+    void addFiles();
+    void removeFocusedRow();
+    void showPendingIntake();
+    void updateTrim();
+    void updateButtons();
+
+    app::TessarinApp& app_;
+    app::QueueModel& queue_;
+    NoticeBanner* notice_ = nullptr;
+    DropZone* dropZone_ = nullptr;
+    ActionChips* chips_ = nullptr;
+    QLineEdit* trimStart_ = nullptr;
+    QLineEdit* trimEnd_ = nullptr;
+    QLabel* trimNote_ = nullptr;
+    QueueList* queueList_ = nullptr;
+    QPushButton* convert_ = nullptr;
+    QPushButton* clearFinished_ = nullptr;
+    QPushButton* settings_ = nullptr;
+    QPointer<QMessageBox> pendingDialog_;
+    QPointer<SettingsWindow> settingsWindow_;
+};
+
+}  // namespace tessarin::gui

@@ -1,0 +1,42 @@
+// The queue's rows, in the queue's order, kept in step with the model: rows are made and
+// dropped as items come and go, and updated in place as they change, so that a progress bar
+// never flickers.
+#pragma once
+
+#include <QScrollArea>
+#include <map>
+
+#include "app/queue/QueueModel.hpp"
+
+class QLabel;
+class QVBoxLayout;
+
+namespace tessarin::gui {
+
+class QueueRowWidget;
+
+class QueueList : public QScrollArea {
+    Q_OBJECT
+
+public:
+    explicit QueueList(app::QueueModel& queue, QWidget* parent = nullptr);
+
+    [[nodiscard]] QueueRowWidget* row(const engine::Uuid& id) const;
+    [[nodiscard]] std::size_t rowCount() const { return rows_.size(); }
+
+signals:
+    void showInFolderRequested(const QString& path);
+    void openRequested(const QString& path);
+
+private:
+    void reload();
+    void reloadItem(const QString& id);
+
+    app::QueueModel& queue_;
+    QWidget* content_;
+    QVBoxLayout* rowsLayout_;
+    QLabel* empty_;
+    std::map<engine::Uuid, QueueRowWidget*> rows_;
+};
+
+}  // namespace tessarin::gui

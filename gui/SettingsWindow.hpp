@@ -1,0 +1,37 @@
+// The settings window: General, Presets and About tabs.
+#pragma once
+
+#include <QWidget>
+
+class QTabWidget;
+
+namespace tessarin::app {
+class TessarinApp;
+}
+
+namespace tessarin::gui {
+
+class AboutPage;
+class GeneralSettingsPage;
+class PresetsPage;
+
+class SettingsWindow : public QWidget {
+    Q_OBJECT
+
+public:
+    // A window of its own; `parent` closes it along.
+    explicit SettingsWindow(app::TessarinApp& app, QWidget* parent = nullptr);
+
+    [[nodiscard]] QTabWidget* tabs() const { return tabs_; }
+    [[nodiscard]] GeneralSettingsPage* general() const { return general_; }
+    [[nodiscard]] PresetsPage* presets() const { return presets_; }
+    [[nodiscard]] AboutPage* about() const { return about_; }
+
+private:
+    QTabWidget* tabs_;
+    GeneralSettingsPage* general_;
+    PresetsPage* presets_;
+    AboutPage* about_;
+};
+
+}  // namespace tessarin::gui
