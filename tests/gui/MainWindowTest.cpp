@@ -1,0 +1,200 @@
+// The main window over a real queue: drops of generated clips, real conversions with the
+// helper folder's ffmpeg, cancellation, the batch trim and the notice.
+#include <gtest/gtest.h>
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QTest>
+#include <QToolButton>
+#include <filesystem>
+
+#include "gui/ActionChips.hpp"
+#include "gui/DropZone.hpp"
+#include "gui/MainWindow.hpp"
+#include "gui/NoticeBanner.hpp"
+#include "gui/QueueList.hpp"
+#include "gui/QueueRowWidget.hpp"
+#include "tests/gui/GuiTestSupport.hpp"
+#include "tests/support/TempDir.hpp"
+#include "tests/support/TestMedia.hpp"
+
+namespace tessarin::gui {
+namespace {
+
+namespace fs = std::filesystem;
+using test::waitUntil;
+using StateKind = app::QueueItem::StateKind;
+
+class MainWindowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        core_ = test::makeApp(home_);
+        window_ = std::make_unique<MainWindow>(*core_);
+        window_->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window_.get()));
+    }
+
+    void TearDown() override {
+        core_->prepareForQuit();
+        EXPECT_TRUE(core_->queue().waitForBackgroundWork(std::chrono::seconds(30)));
+        QTest::qWait(20);
+        window_.reset();
+        core_.reset();
+    }
+
+    // A copy of `clip` in this test's folder, so that outputs land there.
+    QUrl stage(const fs::path& clip, const std::string& name) {
+        const fs::path copy = media_.path() / name;
+        fs::copy_file(clip, copy);
+        return QUrl::fromLocalFile(QString::fromStdString(copy.string()));
+    }
+
+    QWidget* find(const char* name) const { return window_->findChild<QWidget*>(name); }
+
+    QueueRowWidget* row(std::size_t index) const {
+        return window_->queueList()->row(core_->queue().items().at(index).id);
+    }
+
+    std::vector<QString> stateTexts() const {
+        std::vector<QString> texts;
+        for (const app::QueueItem& item : core_->queue().items()) {
+            texts.push_back(window_->queueList()->row(item.id)->stateText());
+        }
+        return texts;
+    }
+
+    void click(const char* name) const {
+        auto* button = qobject_cast<QAbstractButton*>(find(name));
+        ASSERT_NE(button, nullptr) << name;
+        ASSERT_TRUE(button->isEnabled()) << name;
+        QTest::mouseClick(button, Qt::LeftButton);
+    }
+
+    test::ConfigHome home_;
+    test::TempDir media_;
+    std::unique_ptr<app::TessarinApp> core_;
+    std::unique_ptr<MainWindow> window_;
+};
+
+TEST_F(MainWindowTest, DroppedClipsWaitForAnActionThenConvertWithTheChosenChip) {
+    test::screenshotAtBothScales(window_.get(), "main-empty");
+    test::dropOn(find("dropZone"),
+                 {stage(test::testClip(test::TestClip::h264Aac), "first.mp4"),
+                  stage(test::testClip(test::TestClip::h264NoAudio), "second.mp4")});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
+    EXPECT_EQ(stateTexts(),
+              (std::vector<QString>{"Waiting for an action", "Waiting for an action"}));
+    EXPECT_TRUE(find("convertButton")->isEnabled());
+
+    QToolButton* chip = window_->chips()->chip(app::ActionID::preset("mp4-h264"));
+    ASSERT_NE(chip, nullptr);
+    EXPECT_EQ(chip->text(), QString("H.264"));
+    QTest::mouseClick(chip, Qt::LeftButton);
+    EXPECT_TRUE(chip->isChecked());
+    EXPECT_TRUE(chip->toolTip().endsWith("Chosen for the 2 videos waiting for an action"))
+        << chip->toolTip().toStdString();
+
+    click("convertButton");
+    ASSERT_TRUE(waitUntil([&] {
+        const auto& items = core_->queue().items();
+        return std::all_of(items.begin(), items.end(),
+                           [](const auto& item) { return item.isFinished(); });
+    }));
+    EXPECT_EQ(stateTexts(), (std::vector<QString>{"Converted", "Converted"}));
+    for (const app::QueueItem& item : core_->queue().items()) {
+        ASSERT_EQ(item.state.kind, StateKind::done);
+        EXPECT_TRUE(fs::is_regular_file(item.state.output)) << item.state.output;
+        EXPECT_EQ(item.state.output.parent_path(), media_.path());
+        EXPECT_GT(fs::file_size(item.state.output), 0u);
+        QueueRowWidget* done = window_->queueList()->row(item.id);
+        EXPECT_TRUE(done->findChild<QWidget*>("showInFolderButton")->isVisible());
+        EXPECT_TRUE(done->findChild<QWidget*>("openButton")->isVisible());
+        EXPECT_FALSE(done->findChild<QWidget*>("cancelButton")->isVisible());
+    }
+
+    click("clearFinishedButton");
+    EXPECT_TRUE(waitUntil([&] { return window_->queueList()->rowCount() == 0; }));
+}
+
+TEST_F(MainWindowTest, CancellingARunningRowShowsCancelled) {
+    // Long enough that the conversion is still running when the test cancels it.
+    const fs::path clip = test::makeClip(
+        "gui-long.mp4", {"-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=30:duration=40", "-c:v",
+                         "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+    QTest::mouseClick(window_->chips()->chip(app::ActionID::preset("mp4-h264")), Qt::LeftButton);
+    test::dropOn(find("dropZone"), {stage(clip, "long.mp4")});
+    ASSERT_TRUE(waitUntil([&] {
+        const auto& items = core_->queue().items();
+        return items.size() == 1 && items[0].state.kind == StateKind::running;
+    }));
+    EXPECT_EQ(stateTexts(), std::vector<QString>{"Converting"});
+    QWidget* progress = row(0)->findChild<QWidget*>("progress");
+    EXPECT_TRUE(progress->isVisible());
+    test::screenshotAtBothScales(window_.get(), "main-running");
+
+    auto* cancel = row(0)->findChild<QToolButton*>("cancelButton");
+    ASSERT_TRUE(cancel->isVisible());
+    QTest::mouseClick(cancel, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items()[0].isFinished(); }));
+    EXPECT_EQ(stateTexts(), std::vector<QString>{"Cancelled"});
+    EXPECT_FALSE(progress->isVisible());
+    EXPECT_TRUE(row(0)->findChild<QWidget*>("removeButton")->isVisible());
+}
+
+TEST_F(MainWindowTest, InvalidBatchTrimShowsItsInlineText) {
+    auto* start = qobject_cast<QLineEdit*>(find("trimStart"));
+    auto* end = qobject_cast<QLineEdit*>(find("trimEnd"));
+    auto* note = qobject_cast<QLabel*>(find("trimNote"));
+    QTest::keyClicks(start, "1:7x");
+    EXPECT_EQ(core_->queue().trimStart(), "1:7x");
+    EXPECT_EQ(note->text(),
+              QString("Not a time — use SS, MM:SS, or HH:MM:SS (ignored until fixed)"));
+
+    start->clear();
+    QTest::keyClicks(start, "30");
+    QTest::keyClicks(end, "0:10");
+    EXPECT_EQ(note->text(), QString("Trim start must be before end (ignored until fixed)"));
+
+    end->clear();
+    QTest::keyClicks(end, "1:10");
+    EXPECT_TRUE(note->text().isEmpty()) << note->text().toStdString();
+}
+
+TEST_F(MainWindowTest, ADuplicateDropShowsTheNoticeUntilDismissed) {
+    const QUrl clip = stage(test::testClip(test::TestClip::h264Aac), "clip.mp4");
+    test::dropOn(find("dropZone"), {clip});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
+    test::dropOn(find("dropZone"), {clip});
+    NoticeBanner* notice = window_->notice();
+    ASSERT_TRUE(waitUntil([&] { return notice->isVisible(); }));
+    EXPECT_EQ(notice->text(), QString("That video is already in the queue."));
+    EXPECT_EQ(core_->queue().items().size(), 1u);
+    test::screenshotAtBothScales(window_.get(), "main-notice");
+
+    QTest::mouseClick(notice->findChild<QToolButton*>("dismissNotice"), Qt::LeftButton);
+    EXPECT_FALSE(notice->isVisible());
+    EXPECT_FALSE(core_->queue().intakeNotice().has_value());
+}
+
+TEST_F(MainWindowTest, AnUnavailableChipShowsItsReasonAndIsNotSelected) {
+    QToolButton* frames = window_->chips()->chip(app::ActionID::frames());
+    ASSERT_NE(frames, nullptr);
+    QTest::mouseClick(frames, Qt::LeftButton);
+    EXPECT_FALSE(core_->queue().selectedActionID().has_value());
+    EXPECT_EQ(window_->chips()->detailText(), QString(app::kFramesUnavailableSentence));
+}
+
+TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
+    test::ConfigHome home;
+    auto core = test::makeApp(home, /*withTools=*/false);
+    MainWindow window(*core);
+    window.show();
+    auto* missing = window.findChild<QLabel*>("missingTools");
+    ASSERT_NE(missing, nullptr);
+    EXPECT_EQ(missing->text(), QString::fromUtf8(app::kMissingToolsSentence));
+    EXPECT_EQ(window.findChild<QWidget*>("dropZone"), nullptr);
+}
+
+}  // namespace
+}  // namespace tessarin::gui

@@ -1,0 +1,153 @@
+// The settings window over a real preset store and settings file: the preset editor's
+// validation and revert, the output mode, the interface scale and the About page's tool
+// versions, plus the screenshots of each tab.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QLabel>
+#include <QLayout>
+#include <QListWidget>
+#include <QPushButton>
+#include <QRadioButton>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QTest>
+
+#include "gui/AboutPage.hpp"
+#include "gui/GeneralSettingsPage.hpp"
+#include "gui/MainWindow.hpp"
+#include "gui/PresetEditor.hpp"
+#include "gui/PresetsPage.hpp"
+#include "gui/SettingsWindow.hpp"
+#include "gui/UIScale.hpp"
+#include "tests/gui/GuiTestSupport.hpp"
+#include "tests/support/TempDir.hpp"
+
+namespace tessarin::gui {
+namespace {
+
+using test::waitUntil;
+
+class SettingsWindowTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        core_ = test::makeApp(home_);
+        window_ = std::make_unique<MainWindow>(*core_);
+        settings_ = window_->showSettings();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(settings_));
+    }
+
+    void TearDown() override {
+        ASSERT_TRUE(core_->presetStore().waitForBackgroundWork(std::chrono::seconds(20)));
+        window_.reset();
+        core_.reset();
+    }
+
+    PresetEditor* openPreset(const std::string& id) {
+        settings_->tabs()->setCurrentWidget(settings_->presets());
+        EXPECT_TRUE(settings_->presets()->select(id));
+        return settings_->presets()->editor();
+    }
+
+    QString listText(int row) const { return settings_->presets()->list()->item(row)->text(); }
+
+    test::ConfigHome home_;
+    std::unique_ptr<app::TessarinApp> core_;
+    std::unique_ptr<MainWindow> window_;
+    SettingsWindow* settings_ = nullptr;
+};
+
+TEST_F(SettingsWindowTest, QualityOutOfRangeShowsTheSentenceAndBlocksSaving) {
+    PresetEditor* editor = openPreset("mp4-h264");
+    EXPECT_EQ(editor->parameters(), *core_->presetStore().parameters("mp4-h264"));
+    EXPECT_TRUE(editor->saveButton()->isEnabled());
+
+    editor->qualityField()->setValue(70);
+    EXPECT_EQ(editor->validationText(), QString("Quality 70 is outside 0–63 for H.264."));
+    EXPECT_FALSE(editor->saveButton()->isEnabled());
+    editor->save();
+    EXPECT_FALSE(core_->presetStore().hasOverride("mp4-h264"));
+
+    editor->qualityField()->setValue(51);
+    EXPECT_TRUE(editor->validationText().isEmpty());
+    EXPECT_TRUE(editor->saveButton()->isEnabled());
+    test::screenshotAtBothScales(settings_, "settings-presets");
+}
+
+TEST_F(SettingsWindowTest, RevertToDefaultRestoresTheShippedValues) {
+    PresetEditor* editor = openPreset("mp4-h264");
+    const presets::PresetParameters shipped = *core_->presetStore().parameters("mp4-h264");
+    ASSERT_NE(shipped.quality, 30);
+    const int row = settings_->presets()->list()->currentRow();
+    EXPECT_FALSE(editor->revertButton()->isEnabled());
+
+    editor->qualityField()->setValue(30);
+    QTest::mouseClick(editor->saveButton(), Qt::LeftButton);
+    ASSERT_TRUE(core_->presetStore().hasOverride("mp4-h264"));
+    EXPECT_EQ(core_->presetStore().parameters("mp4-h264")->quality, 30);
+    EXPECT_TRUE(listText(row).endsWith(" (edited)")) << listText(row).toStdString();
+    EXPECT_TRUE(editor->revertButton()->isEnabled());
+    // The edit is stored, not only shown.
+    EXPECT_EQ(test::readSettingsFile(home_.standardFile()).contains("presetOverrides"), true);
+
+    QTest::mouseClick(editor->revertButton(), Qt::LeftButton);
+    EXPECT_FALSE(core_->presetStore().hasOverride("mp4-h264"));
+    EXPECT_EQ(editor->qualityField()->value(), shipped.quality);
+    EXPECT_EQ(editor->parameters(), shipped);
+    EXPECT_FALSE(listText(row).endsWith(" (edited)"));
+}
+
+TEST_F(SettingsWindowTest, AddedCustomPresetIsEditableAndDeletable) {
+    settings_->tabs()->setCurrentWidget(settings_->presets());
+    QListWidget* list = settings_->presets()->list();
+    const int before = list->count();
+    QTest::mouseClick(settings_->presets()->findChild<QWidget*>("addPresetButton"), Qt::LeftButton);
+    ASSERT_EQ(list->count(), before + 1);
+    EXPECT_EQ(list->currentItem()->text(), QString("New Preset"));
+    PresetEditor* editor = settings_->presets()->editor();
+    EXPECT_TRUE(editor->findChild<QWidget*>("presetName")->isVisible());
+
+    QTest::mouseClick(settings_->presets()->findChild<QWidget*>("deletePresetButton"),
+                      Qt::LeftButton);
+    EXPECT_EQ(list->count(), before);
+    EXPECT_TRUE(core_->presetStore().customs().empty());
+}
+
+TEST_F(SettingsWindowTest, OutputModeAndInterfaceScaleAreStored) {
+    settings_->tabs()->setCurrentWidget(settings_->general());
+    auto* ask = settings_->general()->findChild<QRadioButton*>("askEachTime");
+    ASSERT_NE(ask, nullptr);
+    ask->click();
+    EXPECT_EQ(core_->outputDestination().mode(), app::OutputMode::askEachTime);
+
+    test::TempDir folder;
+    settings_->general()->chooseFolder(QString::fromStdString(folder.path().string()));
+    EXPECT_EQ(core_->outputDestination().mode(), app::OutputMode::customFolder);
+    EXPECT_TRUE(settings_->general()->findChild<QRadioButton*>("customFolder")->isChecked());
+    auto* path = settings_->general()->findChild<QLabel*>("outputFolderPath");
+    EXPECT_TRUE(waitUntil([&] { return path->text().toStdString() == folder.path().string(); }))
+        << path->text().toStdString();
+
+    const double fontBefore = QApplication::font().pointSizeF();
+    settings_->general()->scaleField()->setValue(150);
+    EXPECT_DOUBLE_EQ(core_->uiScale(), 1.5);
+    EXPECT_NEAR(QApplication::font().pointSizeF(), fontBefore * 1.5, 0.01);
+    settings_->general()->scaleField()->setValue(100);
+    EXPECT_NEAR(QApplication::font().pointSizeF(), fontBefore, 0.01);
+    test::screenshotAtBothScales(settings_, "settings-general");
+}
+
+TEST_F(SettingsWindowTest, AboutShowsTheHelperToolVersions) {
+    settings_->tabs()->setCurrentWidget(settings_->about());
+    AboutPage* about = settings_->about();
+    ASSERT_TRUE(waitUntil([&] { return about->ffmpegVersion() != "Checking…"; }));
+    EXPECT_TRUE(about->ffmpegVersion().startsWith("ffmpeg version "))
+        << about->ffmpegVersion().toStdString();
+    EXPECT_FALSE(about->ffmpegVersion().contains("Copyright"));
+    EXPECT_TRUE(about->gifsicleVersion().contains("Gifsicle", Qt::CaseInsensitive))
+        << about->gifsicleVersion().toStdString();
+    test::screenshotAtBothScales(settings_, "settings-about");
+}
+
+}  // namespace
+}  // namespace tessarin::gui
