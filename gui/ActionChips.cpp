@@ -61,7 +61,9 @@ void ActionChips::setCatalog(std::vector<app::ActionDescriptor> catalog) {
         chip->setFocusPolicy(Qt::StrongFocus);
         if (descriptor.disabledReason) {
             // Muted but still focusable and clickable, so that its reason can be read.
-            chip->setForegroundRole(QPalette::PlaceholderText);
+            QPalette muted = chip->palette();
+            muted.setColor(QPalette::ButtonText, muted.color(QPalette::PlaceholderText));
+            chip->setPalette(muted);
             chip->setProperty("unavailable", true);
         }
         connect(chip, &QToolButton::clicked, this, [this, index] { chipClicked(index); });

@@ -82,6 +82,7 @@ GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
 
     auto* interface = new QGroupBox(tr("Interface"), this);
     auto* interfaceLayout = new QFormLayout(interface);
+    interfaceLayout->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
     scale_->setObjectName("uiScale");
     scale_->setRange(100, 200);
     scale_->setSingleStep(10);

@@ -136,7 +136,6 @@ QWidget* MainWindow::makeQueuePane() {
     trimLabel->setBuddy(trimStart_);
     for (QLineEdit* field : {trimStart_, trimEnd_}) {
         field->setClearButtonEnabled(true);
-        field->setMaximumWidth(160);
         connect(field, &QLineEdit::textEdited, this, [this] {
             queue_.setTrim(trimStart_->text().toStdString(), trimEnd_->text().toStdString());
         });

@@ -89,7 +89,7 @@ PresetEditor::PresetEditor(app::PresetStore& store, QWidget* parent)
     setFontRole(heading_, 1.2, true);
     heading_->setTextFormat(Qt::PlainText);
     for (QLabel* note : {readOnly_, nameNote_, qualityNote_, builtinNote_}) {
-        note->setWordWrap(true);
+        note->setWordWrap(note != qualityNote_);
         note->setForegroundRole(QPalette::PlaceholderText);
     }
     validation_->setObjectName("validation");

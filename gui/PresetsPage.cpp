@@ -30,7 +30,9 @@ PresetsPage::PresetsPage(app::PresetStore& store, QWidget* parent)
       add_(new QToolButton(this)),
       delete_(new QToolButton(this)) {
     list_->setObjectName("presetList");
-    list_->setMinimumWidth(220);
+    // The list is as wide as its longest name at any interface scale.
+    list_->setSizeAdjustPolicy(QAbstractScrollArea::AdjustToContents);
+    list_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     list_->setAccessibleName(tr("Presets"));
     add_->setText(QStringLiteral("+"));
     add_->setObjectName("addPresetButton");

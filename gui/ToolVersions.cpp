@@ -13,9 +13,8 @@ constexpr double kQueryTimeoutSeconds = 10.0;
 QString ask(engine::ProcessRunner& runner, const std::filesystem::path& tool,
             const std::string& flag) {
     try {
-        const engine::ProcessResult result =
-            runner.run(tool, {tool.string(), flag}, /*captureStdout=*/true,
-                       /*mergeStderr=*/true, kQueryTimeoutSeconds);
+        const engine::ProcessResult result = runner.run(tool, {flag}, /*captureStdout=*/true,
+                                                        /*mergeStderr=*/true, kQueryTimeoutSeconds);
         if (const auto line = versionLine(result.stdoutData.value_or(std::string()))) {
             return QString::fromStdString(*line);
         }
