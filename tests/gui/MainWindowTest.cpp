@@ -2,10 +2,14 @@
 // helper folder's ffmpeg, cancellation, the batch trim and the notice.
 #include <gtest/gtest.h>
 
+#include <QApplication>
+#include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
+#include <QTimer>
 #include <QToolButton>
 #include <filesystem>
 
@@ -183,6 +187,77 @@ TEST_F(MainWindowTest, AnUnavailableChipShowsItsReasonAndIsNotSelected) {
     QTest::mouseClick(frames, Qt::LeftButton);
     EXPECT_FALSE(core_->queue().selectedActionID().has_value());
     EXPECT_EQ(window_->chips()->detailText(), QString(app::kFramesUnavailableSentence));
+}
+
+// Answers the next modal dialog of type T once it is up, from the event loop that runs it.
+template <typename T>
+void answerNextDialog(std::function<void(T*)> answer) {
+    QTimer::singleShot(0, [answer] {
+        T* dialog = nullptr;
+        ASSERT_TRUE(waitUntil([&] {
+            dialog = qobject_cast<T*>(QApplication::activeModalWidget());
+            return dialog != nullptr;
+        }));
+        answer(dialog);
+    });
+}
+
+TEST_F(MainWindowTest, AskEachTimeDropsGoToTheChosenFolderOrNowhere) {
+    core_->outputDestination().setMode(app::OutputMode::askEachTime);
+    const QUrl clip = stage(test::testClip(test::TestClip::h264Aac), "asked.mp4");
+
+    QString caption;
+    answerNextDialog<QFileDialog>([&](QFileDialog* dialog) {
+        caption = dialog->windowTitle();
+        dialog->reject();
+    });
+    test::dropOn(find("dropZone"), {clip});
+    EXPECT_EQ(caption, QString("Choose where to save this conversion"));
+    EXPECT_TRUE(core_->queue().items().empty());
+
+    test::TempDir folder;
+    answerNextDialog<QFileDialog>([&](QFileDialog* dialog) {
+        dialog->setDirectory(QString::fromStdString(folder.path().string()));
+        static_cast<QDialog*>(dialog)->accept();
+    });
+    test::dropOn(find("dropZone"), {clip});
+    ASSERT_EQ(core_->queue().items().size(), 1u);
+    const app::QueueItem& item = core_->queue().items()[0];
+    EXPECT_EQ(item.destination, app::OutputDestination::Resolution::inFolder(folder.path()));
+    EXPECT_TRUE(item.destinationWasOverridden);
+}
+
+TEST_F(MainWindowTest, ClosingWhileConvertingAsksFirst) {
+    const fs::path clip = test::makeClip(
+        "gui-long.mp4", {"-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=30:duration=40", "-c:v",
+                         "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
+    QTest::mouseClick(window_->chips()->chip(app::ActionID::preset("mp4-h264")), Qt::LeftButton);
+    test::dropOn(find("dropZone"), {stage(clip, "long.mp4")});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().isWorking(); }));
+
+    QString title;
+    answerNextDialog<QMessageBox>([&](QMessageBox* alert) {
+        title = alert->text();
+        for (QAbstractButton* button : alert->buttons()) {
+            if (button->text() == QString(app::TessarinApp::kQuitAlertKeep)) {
+                button->click();
+            }
+        }
+    });
+    EXPECT_FALSE(window_->close());
+    EXPECT_EQ(title, QString(app::TessarinApp::kQuitAlertTitle));
+    EXPECT_TRUE(window_->isVisible());
+    EXPECT_TRUE(core_->queue().isWorking());
+
+    answerNextDialog<QMessageBox>([&](QMessageBox* alert) {
+        for (QAbstractButton* button : alert->buttons()) {
+            if (button->text() == QString(app::TessarinApp::kQuitAlertQuit)) {
+                button->click();
+            }
+        }
+    });
+    EXPECT_TRUE(window_->close());
+    EXPECT_TRUE(core_->queue().isShuttingDown());
 }
 
 TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
