@@ -12,6 +12,7 @@
 #include <QTimer>
 #include <QToolButton>
 #include <filesystem>
+#include <fstream>
 
 #include "gui/ActionChips.hpp"
 #include "gui/DropZone.hpp"
@@ -258,6 +259,49 @@ TEST_F(MainWindowTest, ClosingWhileConvertingAsksFirst) {
     });
     EXPECT_TRUE(window_->close());
     EXPECT_TRUE(core_->queue().isShuttingDown());
+}
+
+TEST_F(MainWindowTest, ALargeBatchWaitsForTheDialogsAnswer) {
+    // Intake looks at names and file types only, so empty files stand in for 501 videos.
+    QList<QUrl> urls;
+    for (int index = 0; index < 501; ++index) {
+        const fs::path file = media_.path() / ("video-" + std::to_string(index) + ".mp4");
+        std::ofstream(file).put('\0');
+        urls.append(QUrl::fromLocalFile(QString::fromStdString(file.string())));
+    }
+    test::dropOn(find("dropZone"), urls);
+    ASSERT_TRUE(waitUntil([&] { return window_->pendingIntakeDialog() != nullptr; }));
+    QMessageBox* dialog = window_->pendingIntakeDialog();
+    EXPECT_EQ(dialog->windowTitle(), QString("Add 501 Videos"));
+    EXPECT_EQ(dialog->informativeText(), QString("501 videos found. Add all to the queue?"));
+    EXPECT_TRUE(core_->queue().items().empty());
+
+    QAbstractButton* addAll = nullptr;
+    for (QAbstractButton* button : dialog->buttons()) {
+        if (button->text() == "Add All") {
+            addAll = button;
+        }
+    }
+    ASSERT_NE(addAll, nullptr);
+    addAll->click();
+    EXPECT_EQ(core_->queue().items().size(), 501u);
+    EXPECT_FALSE(core_->queue().pendingIntake().has_value());
+    EXPECT_TRUE(waitUntil([&] { return window_->pendingIntakeDialog() == nullptr; }));
+}
+
+TEST_F(MainWindowTest, DeleteRemovesTheFocusedStagedRow) {
+    test::dropOn(find("dropZone"),
+                 {stage(test::testClip(test::TestClip::h264Aac), "keep.mp4"),
+                  stage(test::testClip(test::TestClip::h264NoAudio), "drop.mp4")});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
+    window_->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(window_.get()));
+    QueueRowWidget* second = row(1);
+    second->setFocus();
+    ASSERT_TRUE(waitUntil([&] { return second->hasFocus(); }, std::chrono::seconds(5)));
+    QTest::keyClick(window_.get(), Qt::Key_Delete);
+    ASSERT_EQ(core_->queue().items().size(), 1u);
+    EXPECT_EQ(core_->queue().items()[0].source.filename(), "keep.mp4");
 }
 
 TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
