@@ -440,13 +440,20 @@ void PresetStore::startValidation(std::function<ExternalSoftwareHEVCToolchain()>
     }
 }
 
+bool PresetStore::isStaleValidation(uint64_t generation) const {
+    if (generation == externalSoftwareHEVCValidationGeneration_) {
+        return false;
+    }
+    log().info(engine::KeyValues()
+                   .add("event", "stale validation dropped")
+                   .add("generation", generation)
+                   .str());
+    return true;
+}
+
 void PresetStore::finishValidation(uint64_t generation, ExternalSoftwareHEVCToolchain toolchain,
                                    bool storeOnSuccess) {
-    if (generation != externalSoftwareHEVCValidationGeneration_) {
-        log().info(engine::KeyValues()
-                       .add("event", "stale validation dropped")
-                       .add("generation", generation)
-                       .str());
+    if (isStaleValidation(generation)) {
         return;
     }
     if (storeOnSuccess) {
@@ -459,11 +466,7 @@ void PresetStore::finishValidation(uint64_t generation, ExternalSoftwareHEVCTool
 }
 
 void PresetStore::failValidation(uint64_t generation, Status status) {
-    if (generation != externalSoftwareHEVCValidationGeneration_) {
-        log().info(engine::KeyValues()
-                       .add("event", "stale validation dropped")
-                       .add("generation", generation)
-                       .str());
+    if (isStaleValidation(generation)) {
         return;
     }
     externalSoftwareHEVCCandidateDirectory_.reset();

@@ -203,6 +203,8 @@ private:
     void finishValidation(uint64_t generation, engine::ExternalSoftwareHEVCToolchain toolchain,
                           bool storeOnSuccess);
     void failValidation(uint64_t generation, ExternalSoftwareHEVCStatus status);
+    // A result of an older check than the latest; logged.
+    [[nodiscard]] bool isStaleValidation(uint64_t generation) const;
     void setStatus(ExternalSoftwareHEVCStatus status);
     void updateEncoderPolicy();
     void presetsChanged();

@@ -173,6 +173,9 @@ TessarinApp::~TessarinApp() {
 }
 
 void TessarinApp::launch() {
+    if (environment_.publishHandoffSocket && !environment_.publishHandoffSocket()) {
+        appLog().error("event=\"could not publish authenticated intake socket\"");
+    }
     appLog().notice(engine::KeyValues()
                         .add("event", "launch")
                         .add("role", "gui")
@@ -181,11 +184,16 @@ void TessarinApp::launch() {
                         .add("location", installLocation())
                         .add("os", systemVersion())
                         .str());
+    // Desktop notifications need no authorisation here: the notification service shows what
+    // the session allows.
+    outputDestination_->refreshBookmark();
+    if (environment_.startQuickActionRegistrar) {
+        environment_.startQuickActionRegistrar();
+    }
     if (!tools_) {
         appLog().error("event=\"engine tools unavailable\"");
         return;
     }
-    outputDestination_->refreshBookmark();
     if (environment_.probeHardware) {
         handoff_->start([this, probe = environment_.probeHardware, tools = *tools_] {
             engine::HardwareEncoderSupport found = probe(tools);

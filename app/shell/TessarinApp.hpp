@@ -71,6 +71,12 @@ public:
         std::function<bool()> isApplicationActive;
         // Posts a desktop notification. Empty: over D-Bus (org.freedesktop.Notifications).
         std::function<void(const std::string& title, const std::string& body)> postNotification;
+        // Launch hooks of subsystems that arrive later, each empty until then: publishing the
+        // local socket through which file-manager actions hand files over (false: it could
+        // not be published, and the application goes on without it), and the start of the
+        // file-manager action registrar.
+        std::function<bool()> publishHandoffSocket;
+        std::function<void()> startQuickActionRegistrar;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -84,7 +90,8 @@ public:
     TessarinApp(const TessarinApp&) = delete;
     TessarinApp& operator=(const TessarinApp&) = delete;
 
-    // The launch sequence: the launch log line, the bookmark refresh, the hardware probe.
+    // The launch sequence: the handoff socket, the launch log line, the bookmark refresh, the
+    // hardware probe, the action registrar.
     // The models stand from construction on.
     void launch();
 

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <set>
 
+#include "app/destinations/OutputDestination.hpp"
+#include "app/destinations/OutputDestinationTexts.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "tests/app/queue/QueueTestSupport.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
@@ -155,20 +157,32 @@ TEST_F(QueueRunTest, QuitCancelsTheRunningJobAndDropsWaitingRows) {
     EXPECT_EQ(filesIn(dir.path()), (std::vector<fs::path>{"first.mp4", "s.mp4"}));
 }
 
-TEST_F(QueueRunTest, UnavailableDestinationFailsAtTheRowsStartNotAtIntake) {
-    const fs::path source = test::copyClip(test::testClip(test::TestClip::h264Aac), dir / "a.mp4");
-    const std::string sentence =
-        "No output folder is set. Choose one in Settings ▸ General ▸ Output.";
-    queue->destinationResolver = [&](const std::optional<fs::path>&) {
-        return OutputDestination::Resolution::unavailable(sentence);
-    };
-    ASSERT_TRUE(queue->intake(urlsOf({source}), {}));
+TEST_F(QueueRunTest, AnUnusableCustomFolderFailsTheRowAtItsStartNotAtIntake) {
+    const fs::path a = test::copyClip(test::testClip(test::TestClip::h264Aac), dir / "a.mp4");
+    const fs::path b = test::copyClip(test::testClip(test::TestClip::h264Aac), dir / "b.mp4");
+    test::ConfigHome home;
+    OutputDestination destinations(test::openStore(home.standardFile()));
+    queue->destinationResolver = destinations.destinationResolver();
+
+    // Custom folder mode with no folder chosen yet.
+    destinations.setMode(OutputMode::customFolder);
+    ASSERT_TRUE(queue->intake(urlsOf({a}), {}));
     EXPECT_EQ(queue->items()[0].state.kind, Kind::needsPreset);
+    // A chosen folder that is gone by the time the file starts.
+    fs::create_directory(dir / "out");
+    ASSERT_EQ(destinations.chooseFolder(dir / "out"), std::nullopt);
+    fs::remove(dir / "out");
+    ASSERT_TRUE(queue->intake(urlsOf({b}), {}));
+    EXPECT_EQ(queue->items()[1].state.kind, Kind::needsPreset);
+
     queue->setSelectedActionID(ActionID::preset("mp4-h264"));
     queue->start();
     ASSERT_TRUE(waitFor([this] { return allFinished(); }));
     ASSERT_TRUE(queue->items()[0].state.failure);
-    EXPECT_EQ(queue->items()[0].state.failure->stderrTail, sentence);
+    EXPECT_EQ(queue->items()[0].state.failure->stderrTail, kNoOutputFolderSentence);
+    ASSERT_TRUE(queue->items()[1].state.failure);
+    EXPECT_EQ(queue->items()[1].state.failure->stderrTail, kOutputFolderUnavailableSentence);
+    EXPECT_EQ(queue->items()[1].stateLabel(), "Failed");
 }
 
 TEST_F(QueueRunTest, SameNamedSourcesFromTwoFoldersLandFlattenedWithASuffix) {

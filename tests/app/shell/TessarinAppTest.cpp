@@ -1,6 +1,7 @@
 // The application core with a real settings file, real tools and a real event loop.
 #include <gtest/gtest.h>
 
+#include <QSignalSpy>
 #include <fstream>
 #include <set>
 
@@ -49,6 +50,27 @@ TEST_F(TessarinAppTest, OpenedFilesAreStagedAndOtherSchemesDropped) {
     EXPECT_EQ(app.queue().items()[0].source, video);
     EXPECT_EQ(app.queue().items()[0].state.kind, QueueItem::StateKind::needsPreset);
     EXPECT_EQ(app.quitDecision(), TessarinApp::QuitDecision::quitNow);
+}
+
+TEST_F(TessarinAppTest, LaunchGoesOnWhenTheHandoffSocketCannotBePublished) {
+    TessarinApp::Environment launchEnvironment = environment();
+    std::vector<std::string> order;
+    launchEnvironment.publishHandoffSocket = [&] {
+        order.push_back("socket");
+        return false;
+    };
+    launchEnvironment.startQuickActionRegistrar = [&] { order.push_back("registrar"); };
+    bool probed = false;
+    launchEnvironment.probeHardware = [&](const engine::Tools&) {
+        probed = true;
+        return engine::HardwareEncoderSupport{};
+    };
+    TessarinApp app(std::move(launchEnvironment));
+    QSignalSpy catalogChanged(&app, &TessarinApp::actionCatalogChanged);
+    app.launch();
+    EXPECT_EQ(order, (std::vector<std::string>{"socket", "registrar"}));
+    ASSERT_TRUE(test::waitFor([&] { return catalogChanged.count() > 0; }));
+    EXPECT_TRUE(probed);
 }
 
 TEST_F(TessarinAppTest, WorkInProgressNeedsTheQuitAlertAndQuitDropsIt) {
