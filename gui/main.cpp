@@ -31,7 +31,13 @@ int main(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("com.tessarin.Tessarin"));
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tessarin.Tessarin")));
 
-    tessarin::app::TessarinApp app(tessarin::app::TessarinApp::Environment::standard());
+    tessarin::app::TessarinApp::Environment environment =
+        tessarin::app::TessarinApp::Environment::standard();
+    // Finished jobs notify only when the user is looking elsewhere.
+    environment.isApplicationActive = [] {
+        return QGuiApplication::applicationState() == Qt::ApplicationActive;
+    };
+    tessarin::app::TessarinApp app(std::move(environment));
     app.launch();
     tessarin::gui::applyUIScale(app.uiScale());
     tessarin::gui::MainWindow window(app);
