@@ -65,6 +65,13 @@ function(tessarin_add_test name)
     "  set_tests_properties(\${${name}_TESTS} PROPERTIES LABELS \"${ARG_LABELS}\")\n"
     "endif()\n")
   set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${labels_file})
+  # The thread-sanitizer run builds only what it runs.
+  if("concurrency" IN_LIST ARG_LABELS)
+    if(NOT TARGET tessarin_concurrency_tests)
+      add_custom_target(tessarin_concurrency_tests)
+    endif()
+    add_dependencies(tessarin_concurrency_tests ${name})
+  endif()
 endfunction()
 
 # tessarin_add_bench(NAME SOURCES ... DEPS ...)

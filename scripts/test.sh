@@ -13,7 +13,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 ctest --test-dir "$root/build/asan" -j2 --output-on-failure --timeout 180 </dev/null
 
 echo "== build (TSan)"
-"$root/scripts/build.sh" tsan
+"$root/scripts/build.sh" tsan tessarin_concurrency_tests
 echo "== concurrency tests (TSan)"
 # TSan's shadow memory layout needs the address space without the kernel's high-entropy ASLR.
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
