@@ -314,25 +314,26 @@ void QueueModel::dismissNotice() {
     }
 }
 
-ActionAvailability QueueModel::availability() {
+ActionAvailability QueueModel::actionAvailability() const {
     ActionAvailability availability;
     availability.encoderPolicy = encoderCapabilityPolicy();
     availability.hardware = hardwareEncoders();
     availability.transcriptionModelUsable = transcriptionPrerequisites().hasUsableModel;
     availability.framesAvailable = static_cast<bool>(framesJobFactory);
+    // The engine refuses fast cuts until keyframe-aligned copying lands.
     availability.fastCutAvailable = false;
     return availability;
 }
 
 std::optional<ActionDescriptor> QueueModel::resolveDescriptor(const ActionID& id) {
     if (!id.isPreset()) {
-        return fixedDescriptor(id.kind, availability());
+        return fixedDescriptor(id.kind, actionAvailability());
     }
     const std::optional<engine::Preset> preset = presetLookup(id.presetID);
     if (!preset) {
         return std::nullopt;
     }
-    return presetDescriptor(*preset, availability());
+    return presetDescriptor(*preset, actionAvailability());
 }
 
 bool QueueModel::checkTranscriptionPrerequisites(bool forStart) {

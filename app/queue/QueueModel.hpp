@@ -184,6 +184,8 @@ public:
     // Whether a job runs or waits: what the quit alert asks about.
     [[nodiscard]] bool hasUnfinishedWork() const;
     [[nodiscard]] std::size_t stagedCount() const;
+    // What decides which actions can run now, from the collaborators: the chips' reasons.
+    [[nodiscard]] ActionAvailability actionAvailability() const;
 
     [[nodiscard]] const std::optional<ActionID>& selectedActionID() const {
         return selectedActionID_;
@@ -249,7 +251,6 @@ private:
     };
 
     [[nodiscard]] std::optional<ActionDescriptor> resolveDescriptor(const ActionID& id);
-    [[nodiscard]] ActionAvailability availability();
     // Steps 9 to 11 of an intake, on the main thread, after files are known.
     bool admit(std::vector<Candidate> files, const std::optional<ActionID>& action,
                const IntakeOptions& options, bool confirmed);

@@ -212,13 +212,7 @@ void TessarinApp::deliverBackgroundResults() {
 }
 
 ActionAvailability TessarinApp::actionAvailability() {
-    ActionAvailability availability;
-    availability.encoderPolicy = presetStore_->encoderPolicy();
-    availability.hardware = hardware_;
-    availability.transcriptionModelUsable =
-        queue_->transcriptionPrerequisites && queue_->transcriptionPrerequisites().hasUsableModel;
-    availability.framesAvailable = static_cast<bool>(queue_->framesJobFactory);
-    return availability;
+    return queue_->actionAvailability();
 }
 
 std::vector<ActionDescriptor> TessarinApp::actionCatalog() {
