@@ -618,12 +618,14 @@ void QueueModel::addItems(const std::vector<Candidate>& files,
             descriptor.reset();
         }
     }
+    // One answer serves the whole batch: the override and the setting are the same for all.
+    const OutputDestination::Resolution destination = destinationResolver(destinationOverride);
     for (const Candidate& file : files) {
         QueueItem item;
         item.id = engine::Uuid::random();
         item.source = file.path;
         item.sourceID = file.id;
-        item.destination = destinationResolver(destinationOverride);
+        item.destination = destination;
         item.destinationWasOverridden = destinationWasOverridden;
         if (kind) {
             item.kind = kind;
