@@ -52,7 +52,21 @@ GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
         outputLayout->addWidget(radio);
     }
     connect(modes_, &QButtonGroup::idClicked, this, [this](int id) {
-        app_.outputDestination().setMode(static_cast<app::OutputMode>(id));
+        const auto mode = static_cast<app::OutputMode>(id);
+        // "Custom folder…" without a folder yet means choosing one now; cancelling keeps the
+        // mode that was set.
+        if (mode == app::OutputMode::customFolder &&
+            !app_.settings().contains(app::kOutputFolderBookmarkKey)) {
+            const QString folder =
+                QFileDialog::getExistingDirectory(this, qs(app::kChooseOutputFolderMessage));
+            if (folder.isEmpty()) {
+                showMode();
+                return;
+            }
+            chooseFolder(folder);
+            return;
+        }
+        app_.outputDestination().setMode(mode);
         availability_->refresh();
     });
 

@@ -2,8 +2,12 @@
 // build's helper folder, event-loop waits, drops and screenshots.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <QApplication>
 #include <QList>
 #include <QString>
+#include <QTimer>
 #include <QUrl>
 #include <chrono>
 #include <functional>
@@ -32,5 +36,18 @@ void dropOn(QWidget* target, const QList<QUrl>& urls);
 // Saves `window` as <build>/screenshots/<name>-100.png and, with the interface scale at 200 %
 // and the window twice the size, <name>-200.png; the scale is 100 % again afterwards.
 void screenshotAtBothScales(QWidget* window, const QString& name);
+
+// Answers the next modal dialog of type T once it is up, from the event loop that runs it.
+template <typename T>
+void answerNextDialog(std::function<void(T*)> answer) {
+    QTimer::singleShot(0, [answer] {
+        T* dialog = nullptr;
+        ASSERT_TRUE(waitUntil([&] {
+            dialog = qobject_cast<T*>(QApplication::activeModalWidget());
+            return dialog != nullptr;
+        }));
+        answer(dialog);
+    });
+}
 
 }  // namespace tessarin::test

@@ -28,6 +28,7 @@ namespace tessarin::gui {
 namespace {
 
 namespace fs = std::filesystem;
+using test::answerNextDialog;
 using test::waitUntil;
 using StateKind = app::QueueItem::StateKind;
 
@@ -188,19 +189,6 @@ TEST_F(MainWindowTest, AnUnavailableChipShowsItsReasonAndIsNotSelected) {
     QTest::mouseClick(frames, Qt::LeftButton);
     EXPECT_FALSE(core_->queue().selectedActionID().has_value());
     EXPECT_EQ(window_->chips()->detailText(), QString(app::kFramesUnavailableSentence));
-}
-
-// Answers the next modal dialog of type T once it is up, from the event loop that runs it.
-template <typename T>
-void answerNextDialog(std::function<void(T*)> answer) {
-    QTimer::singleShot(0, [answer] {
-        T* dialog = nullptr;
-        ASSERT_TRUE(waitUntil([&] {
-            dialog = qobject_cast<T*>(QApplication::activeModalWidget());
-            return dialog != nullptr;
-        }));
-        answer(dialog);
-    });
 }
 
 TEST_F(MainWindowTest, AskEachTimeDropsGoToTheChosenFolderOrNowhere) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QFileDialog>
 #include <QLabel>
 #include <QLayout>
 #include <QListWidget>
@@ -121,8 +122,19 @@ TEST_F(SettingsWindowTest, OutputModeAndInterfaceScaleAreStored) {
     ask->click();
     EXPECT_EQ(core_->outputDestination().mode(), app::OutputMode::askEachTime);
 
+    // "Custom folder…" with no folder chosen asks for one; cancelling keeps the mode.
+    auto* custom = settings_->general()->findChild<QRadioButton*>("customFolder");
+    test::answerNextDialog<QFileDialog>([](QFileDialog* dialog) { dialog->reject(); });
+    custom->click();
+    EXPECT_EQ(core_->outputDestination().mode(), app::OutputMode::askEachTime);
+    EXPECT_TRUE(ask->isChecked());
+
     test::TempDir folder;
-    settings_->general()->chooseFolder(QString::fromStdString(folder.path().string()));
+    test::answerNextDialog<QFileDialog>([&](QFileDialog* dialog) {
+        dialog->setDirectory(QString::fromStdString(folder.path().string()));
+        static_cast<QDialog*>(dialog)->accept();
+    });
+    custom->click();
     EXPECT_EQ(core_->outputDestination().mode(), app::OutputMode::customFolder);
     EXPECT_TRUE(settings_->general()->findChild<QRadioButton*>("customFolder")->isChecked());
     auto* path = settings_->general()->findChild<QLabel*>("outputFolderPath");
