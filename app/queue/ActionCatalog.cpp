@@ -52,6 +52,21 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kChipName
     {"mp4-h265-vt", "H.265 ⚡"},
 }};
 
+// Row texts by JobKind case, in the order of its variant.
+struct RowLabels {
+    const char* running;
+    const char* done;
+};
+constexpr std::array<RowLabels, 6> kRowLabels{{
+    {"Converting", "Converted"},
+    {"Converting", "Converted"},
+    {"Extracting audio", "Extracted"},
+    {"Cutting without re-encoding", "Fast cut"},
+    {"Transcribing", "Transcribed"},
+    {"Exporting frames", "Frames exported"},
+}};
+static_assert(kRowLabels.size() == std::variant_size_v<decltype(JobKind::value)>);
+
 const FixedAction& fixedAction(ActionID::Kind kind) {
     for (const FixedAction& action : kFixedActions) {
         if (action.kind == kind) {
@@ -215,41 +230,11 @@ std::optional<JobKind> jobKind(const ActionID& id, const std::optional<engine::P
 }
 
 std::string runningLabel(const JobKind& kind) {
-    return std::visit(
-        [](const auto& value) -> std::string {
-            using T = std::decay_t<decltype(value)>;
-            if constexpr (std::is_same_v<T, JobKind::FastCut>) {
-                return "Cutting without re-encoding";
-            } else if constexpr (std::is_same_v<T, JobKind::ExtractAudio>) {
-                return "Extracting audio";
-            } else if constexpr (std::is_same_v<T, JobKind::Transcribe>) {
-                return "Transcribing";
-            } else if constexpr (std::is_same_v<T, JobKind::Frames>) {
-                return "Exporting frames";
-            } else {
-                return "Converting";
-            }
-        },
-        kind.value);
+    return kRowLabels[kind.value.index()].running;
 }
 
 std::string doneLabel(const JobKind& kind) {
-    return std::visit(
-        [](const auto& value) -> std::string {
-            using T = std::decay_t<decltype(value)>;
-            if constexpr (std::is_same_v<T, JobKind::FastCut>) {
-                return "Fast cut";
-            } else if constexpr (std::is_same_v<T, JobKind::ExtractAudio>) {
-                return "Extracted";
-            } else if constexpr (std::is_same_v<T, JobKind::Transcribe>) {
-                return "Transcribed";
-            } else if constexpr (std::is_same_v<T, JobKind::Frames>) {
-                return "Frames exported";
-            } else {
-                return "Converted";
-            }
-        },
-        kind.value);
+    return kRowLabels[kind.value.index()].done;
 }
 
 }  // namespace tessarin::app
