@@ -10,11 +10,10 @@
 //   queue.intake({QUrl::fromLocalFile("/videos/a.mov")}, {});
 //   QObject::connect(&queue, &QueueModel::itemsChanged, view, &View::reload);
 //
-// Threads: a QueueModel lives on the main thread and every member must be called there. File
-// examination and folder walks of intake, and every job, run on worker threads; nothing here
-// blocks the main thread on the file system except the lstat/stat of the URLs given directly
-// (at most 1,000, after the count check) and the destination resolver's answer, asked once
-// per batch.
+// Threads: a QueueModel lives on the main thread and every member must be called there. Folder
+// walks and every job run on worker threads; the only file-system calls on the main thread are
+// the lstat/stat of the URLs given directly (at most 1,000, after the count check) and the
+// destination resolver's answer, asked once per batch.
 #pragma once
 
 #include <QList>
