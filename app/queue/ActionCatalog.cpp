@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "engine/encoders/PresetAvailability.hpp"
+#include "engine/job/ConversionJob.hpp"
 
 namespace tessarin::app {
 
@@ -87,7 +88,7 @@ std::optional<std::string> fixedDisabledReason(ActionID::Kind kind,
             break;
         case ActionID::Kind::fastCut:
             if (!availability.fastCutAvailable) {
-                return kFastCutUnavailableSentence;
+                return engine::kFastCutUnavailableSentence;
             }
             break;
         case ActionID::Kind::frames:

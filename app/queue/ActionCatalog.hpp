@@ -97,8 +97,6 @@ struct ActionAvailability {
 inline constexpr const char* kNoTranscriptionModelSentence =
     "Review your transcription model in Settings ▸ Transcription. Choose a replacement or "
     "refresh the model list.";
-inline constexpr const char* kFastCutUnavailableSentence =
-    "Fast cut is not available in this version. Choose a preset to re-encode the range instead.";
 inline constexpr const char* kFramesUnavailableSentence =
     "Frame export is not available in this version.";
 

@@ -35,8 +35,6 @@ constexpr const char* kStartupDiskFull =
 constexpr const char* kStartupDiskSmallerThanSource =
     "The startup disk has less free space than the size of the source. Saving to a network "
     "destination encodes to the startup disk first, so the encode may run out of room.";
-constexpr const char* kFastCutUnavailable =
-    "Fast cut is not available in this version. Choose a preset to re-encode the range instead.";
 constexpr const char* kTrustPrefix = "External software H.265 toolchain is no longer trusted: ";
 
 const Logger& jobLog() {
@@ -288,7 +286,7 @@ fs::path ConversionJob::runSteps(const Callbacks& callbacks) {
     const VolumeOverrides overrides = volumeOverrides();
 
     if (std::holds_alternative<MediaTask::FastCut>(task_.kind)) {
-        throw JobFailure::sentence("cut", kFastCutUnavailable);
+        throw JobFailure::sentence("cut", kFastCutUnavailableSentence);
     }
     checkEncoder();
     const Trim trim = applicableTrim(task_, preset_);

@@ -35,6 +35,10 @@
 
 namespace tessarin::engine {
 
+// Why a fast-cut task is refused until copying without re-encoding lands.
+inline constexpr const char* kFastCutUnavailableSentence =
+    "Fast cut is not available in this version. Choose a preset to re-encode the range instead.";
+
 class ConversionJob {
 public:
     // What a job tells its caller while it runs. Each may be empty. `onProgress` gets a fraction

@@ -50,6 +50,11 @@ protected:
         fs::create_directories(folder);
         return fs::canonical(folder);
     }
+    // The chosen folder moves away and a new one takes its path: the bookmark is now stale.
+    void replaceWithAnotherFolder(const fs::path& folder) const {
+        fs::rename(folder, folders_ / "Old Exports");
+        fs::create_directory(folder);
+    }
 
     test::ConfigHome home_;
     test::TempDir folders_;
@@ -156,8 +161,7 @@ TEST_F(OutputDestinationTest, StaleBookmarkIsMadeAgainAndStored) {
     const fs::path folder = makeFolder("Exports");
     ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
     const json oldBookmark = stored()["outputFolderBookmark"];
-    fs::rename(folder, folders_ / "Old Exports");
-    fs::create_directory(folder);
+    replaceWithAnotherFolder(folder);
 
     EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::inFolder(folder));
 
@@ -191,8 +195,7 @@ TEST_F(OutputDestinationTest, RefreshRemakesAStaleBookmarkInTheBackground) {
     const fs::path folder = makeFolder("Exports");
     ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
     const json oldBookmark = stored()["outputFolderBookmark"];
-    fs::rename(folder, folders_ / "Old Exports");
-    fs::create_directory(folder);
+    replaceWithAnotherFolder(folder);
 
     destinations.refreshBookmark();
     ASSERT_TRUE(destinations.waitForBackgroundWork(kPatience));
