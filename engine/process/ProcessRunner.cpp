@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +22,7 @@
 #include "engine/process/LineSplitter.hpp"
 #include "engine/process/internal/ChildProcesses.hpp"
 #include "engine/process/internal/Pidfd.hpp"
+#include "engine/process/internal/Spawn.hpp"
 
 extern char** environ;
 
@@ -414,58 +414,12 @@ ProcessResult ProcessRunner::runRaw(const std::filesystem::path& executable,
         }
     }
 
-    posix_spawn_file_actions_t actions;
-    posix_spawnattr_t attributes;
-    if (const int error = posix_spawn_file_actions_init(&actions); error != 0) {
-        throw launchError(error, executable);
-    }
-    struct SpawnCleanup {
-        posix_spawn_file_actions_t* actions;
-        posix_spawnattr_t* attributes = nullptr;
-        ~SpawnCleanup() {
-            posix_spawn_file_actions_destroy(actions);
-            if (attributes != nullptr) {
-                posix_spawnattr_destroy(attributes);
-            }
-        }
-    } spawnCleanup{&actions};
-    if (const int error = posix_spawnattr_init(&attributes); error != 0) {
-        throw launchError(error, executable);
-    }
-    spawnCleanup.attributes = &attributes;
-    {
-        sigset_t none;
-        sigset_t all;
-        sigemptyset(&none);
-        sigfillset(&all);
-        int error =
-            posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        if (error == 0) {
-            error = posix_spawn_file_actions_adddup2(&actions, fds.out[1], STDOUT_FILENO);
-        }
-        if (error == 0) {
-            error = posix_spawn_file_actions_adddup2(
-                &actions, options.mergeStderr ? fds.out[1] : fds.err[1], STDERR_FILENO);
-        }
-        if (error == 0) {
-            error = posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
-        }
-        // The child starts with default dispositions and nothing blocked, whatever this
-        // thread or the application has set (an ignored SIGPIPE would otherwise be inherited).
-        if (error == 0) {
-            error = posix_spawnattr_setsigmask(&attributes, &none);
-        }
-        if (error == 0) {
-            error = posix_spawnattr_setsigdefault(&attributes, &all);
-        }
-        if (error == 0) {
-            error = posix_spawnattr_setflags(&attributes,
-                                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        }
-        if (error != 0) {
-            throw launchError(error, executable);
-        }
-    }
+    internal::SpawnRequest request;
+    request.path = executablePath.c_str();
+    request.argv = argv.data();
+    request.envp = options.environment ? envp.data() : environ;
+    request.stdoutFd = fds.out[1];
+    request.stderrFd = options.mergeStderr ? fds.out[1] : fds.err[1];
 
     std::array<Stream, 2> streams;
     streams[0] = {fds.out[0], std::move(options.stdoutHandler), std::move(options.stdoutEnd)};
@@ -527,22 +481,13 @@ ProcessResult ProcessRunner::runRaw(const std::filesystem::path& executable,
         }
         // Launching under the lock closes the race with cancel(): a cancel that arrives now
         // waits, then sees the child and signals it.
-        const int error = ::posix_spawn(&pid, executablePath.c_str(), &actions, &attributes,
-                                        argv.data(), options.environment ? envp.data() : environ);
-        if (error != 0) {
+        internal::SpawnedChild child;
+        if (const int error = internal::spawnChild(request, child); error != 0) {
             readerStop.stop();
             throw launchError(error, executable);
         }
-        pidfd = internal::openPidfd(pid);
-        if (pidfd < 0) {
-            // Without a pidfd the child could not be signalled safely; do not let it run.
-            const int openError = errno;
-            ::kill(pid, SIGKILL);
-            while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
-            }
-            readerStop.stop();
-            throw launchError(openError, executable);
-        }
+        pid = child.pid;
+        pidfd = child.pidfd;
         state->pid = pid;
         state->pidfd = pidfd;
     }

@@ -1,7 +1,8 @@
 // Runs one child process under the engine's discipline: argv only (never a shell), standard
-// input from /dev/null, every other descriptor closed in the child, output read as it arrives
-// into bounded buffers, an optional time-out, and cancellation that escalates from SIGTERM to
-// SIGKILL and may arrive from any thread at any moment, also before the launch.
+// input from /dev/null, every other descriptor closed in the child, the child killed when we
+// die, output read as it arrives into bounded buffers, an optional time-out, and cancellation
+// that escalates from SIGTERM to SIGKILL and may arrive from any thread at any moment, also
+// before the launch.
 //
 //   auto runner = std::make_shared<ProcessRunner>();
 //   // elsewhere, any thread: runner->cancel(ProcessRunner::kUserCancelGrace);
@@ -34,6 +35,11 @@ public:
 };
 
 // One instance per child, never reused: running twice stops the process (programmer error).
+//
+// Children never outlive this process: each gets SIGKILL as its parent-death signal. The
+// kernel ties that signal to the thread that started the child, which is the thread calling
+// run*(); since run*() blocks it until the child is reaped, a short-lived worker thread may
+// call run*() and end afterwards without harm. Never hand a child over to another thread.
 //
 // Threads: run*() blocks the calling (background) thread for the child's whole life; the
 // callbacks run on one reader thread of that run, which is joined before run*() returns, so

@@ -15,6 +15,7 @@
 
 #include "engine/probe/MediaProbe.hpp"
 #include "engine/process/ProcessRunner.hpp"
+#include "tests/support/FakeTools.hpp"
 #include "tests/support/TestMedia.hpp"
 
 extern char** environ;
@@ -196,66 +197,122 @@ TEST(CliConvert, HardwarePresetsUseTheEncoderFoundOrSayWhyNot) {
     }
 }
 
-TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
-    test::TempDir folder;
-    test::TempDir workRoot;
+// A `tessarin convert --json` of a long AV1 encode, started with a private work folder and
+// stopped at its first progress event, when its ffmpeg surely runs.
+class RunningConvert {
+public:
+    explicit RunningConvert(const fs::path& source) {
+        copy_ = copyInto(folder_.path(), source, "long.mp4");
+        std::vector<std::string> environment = {
+            "TMPDIR=" + workRoot_.path().string(), "PATH=/usr/bin:/bin",
+            "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
+        std::vector<char*> envp;
+        for (auto& entry : environment) {
+            envp.push_back(entry.data());
+        }
+        envp.push_back(nullptr);
+        std::vector<std::string> arguments = {kTool.string(), "convert", "--json",
+                                              "--preset",     "mp4-av1", copy_.string()};
+        std::vector<char*> argv;
+        for (auto& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        int events[2];
+        EXPECT_EQ(pipe2(events, O_CLOEXEC), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, events[1], STDOUT_FILENO);
+        EXPECT_EQ(posix_spawn(&pid_, kTool.c_str(), &actions, nullptr, argv.data(), envp.data()),
+                  0);
+        posix_spawn_file_actions_destroy(&actions);
+        close(events[1]);
+        events_ = fdopen(events[0], "r");
+    }
+    ~RunningConvert() {
+        std::free(line_);
+        if (events_ != nullptr) {
+            std::fclose(events_);
+        }
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+    }
+    RunningConvert(const RunningConvert&) = delete;
+    RunningConvert& operator=(const RunningConvert&) = delete;
+
+    [[nodiscard]] bool waitForProgress() {
+        while (getline(&line_, &capacity_, events_) > 0) {
+            const auto event = nlohmann::json::parse(line_);
+            if (event["event"] == "progress" && event["fraction"].get<double>() > 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // The last event before the output closed.
+    [[nodiscard]] std::string lastEvent() {
+        std::string last;
+        while (getline(&line_, &capacity_, events_) > 0) {
+            last = line_;
+        }
+        return last;
+    }
+    // Signals the tool and reaps it; its wait status.
+    int stop(int signal) {
+        EXPECT_EQ(::kill(pid_, signal), 0);
+        int status = 0;
+        EXPECT_EQ(::waitpid(pid_, &status, 0), pid_);
+        pid_ = -1;
+        return status;
+    }
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    [[nodiscard]] const fs::path& folder() const { return folder_.path(); }
+    [[nodiscard]] const fs::path& workRoot() const { return workRoot_.path(); }
+
+private:
+    test::TempDir folder_;
+    test::TempDir workRoot_;
+    fs::path copy_;
+    pid_t pid_ = -1;
+    FILE* events_ = nullptr;
+    char* line_ = nullptr;
+    size_t capacity_ = 0;
+};
+
+const fs::path& longSource() {
     // Long enough that the encode is still running when the signal arrives.
-    const fs::path source =
+    static const fs::path source =
         test::makeClip("long-cli-interrupt.mp4",
                        {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=30:duration=60", "-c:v",
                         "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
-    const fs::path copy = copyInto(folder.path(), source, "long.mp4");
+    return source;
+}
 
-    std::vector<std::string> environment = {
-        "TMPDIR=" + workRoot.path().string(), "PATH=/usr/bin:/bin",
-        "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
-    std::vector<char*> envp;
-    for (auto& entry : environment) {
-        envp.push_back(entry.data());
-    }
-    envp.push_back(nullptr);
-    std::vector<std::string> arguments = {kTool.string(), "convert", "--json",
-                                          "--preset",     "mp4-av1", copy.string()};
-    std::vector<char*> argv;
-    for (auto& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    int events[2];
-    ASSERT_EQ(pipe2(events, O_CLOEXEC), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, events[1], STDOUT_FILENO);
-    pid_t pid = 0;
-    ASSERT_EQ(posix_spawn(&pid, kTool.c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    close(events[1]);
-
-    // Interrupt once the encode reports progress: the child is then surely running.
-    FILE* stream = fdopen(events[0], "r");
-    ASSERT_NE(stream, nullptr);
-    bool encoding = false;
-    char* line = nullptr;
-    size_t capacity = 0;
-    while (!encoding && getline(&line, &capacity, stream) > 0) {
-        const auto event = nlohmann::json::parse(line);
-        encoding = event["event"] == "progress" && event["fraction"].get<double>() > 0;
-    }
-    ASSERT_TRUE(encoding) << "the encode never reported progress";
-    ASSERT_EQ(kill(pid, SIGINT), 0);
-    std::string rest;
-    while (getline(&line, &capacity, stream) > 0) {
-        rest = line;
-    }
-    free(line);
-    fclose(stream);
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
+    RunningConvert convert(longSource());
+    ASSERT_TRUE(convert.waitForProgress()) << "the encode never reported progress";
+    const int status = convert.stop(SIGINT);
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 130);
-    EXPECT_EQ(nlohmann::json::parse(rest)["event"], "cancelled");
-    EXPECT_THAT(namesIn(folder.path()), ::testing::ElementsAre("long.mp4"));
-    EXPECT_TRUE(namesIn(workRoot.path()).empty());
+    EXPECT_EQ(nlohmann::json::parse(convert.lastEvent())["event"], "cancelled");
+    EXPECT_THAT(namesIn(convert.folder()), ::testing::ElementsAre("long.mp4"));
+    EXPECT_TRUE(namesIn(convert.workRoot()).empty());
+}
+
+TEST(CliConvert, KilledToolTakesItsEncoderWithIt) {
+    RunningConvert convert(longSource());
+    ASSERT_TRUE(convert.waitForProgress()) << "the encode never reported progress";
+    const std::vector<pid_t> children = test::childProcesses(convert.pid());
+    ASSERT_THAT(children, ::testing::SizeIs(1));
+    const pid_t encoder = children.front();
+    test::KillOnExit cleanup(encoder);
+    ASSERT_EQ(test::processName(encoder), "ffmpeg");
+    const int status = convert.stop(SIGKILL);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    EXPECT_TRUE(test::waitUntilGone(encoder, std::chrono::seconds(1)));
+    EXPECT_THAT(namesIn(convert.folder()), ::testing::Contains("long.mp4"));
 }
 
 std::vector<nlohmann::json> jsonEvents(const std::string& out) {

@@ -88,6 +88,26 @@ bool waitUntilGone(pid_t pid, std::chrono::milliseconds limit) {
     return pollUntil([&] { return !isRunning(pid); }, limit);
 }
 
+std::vector<pid_t> childProcesses(pid_t parent) {
+    std::vector<pid_t> children;
+    const std::filesystem::path tasks = "/proc/" + std::to_string(parent) + "/task";
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+        std::ifstream in(task.path() / "children");
+        for (pid_t child = 0; in >> child;) {
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+std::string processName(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
+    std::string name;
+    std::getline(in, name);
+    return name;
+}
+
 KillOnExit::~KillOnExit() {
     if (pid_ && *pid_ > 0 && isRunning(*pid_)) {
         ::kill(*pid_, SIGKILL);

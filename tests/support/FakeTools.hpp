@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tests/support/TempDir.hpp"
 
@@ -36,6 +37,10 @@ void writeFile(const std::filesystem::path& path, std::string_view content, int 
 // Waits until `pid` is gone or a zombie; false at `limit`.
 [[nodiscard]] bool waitUntilGone(pid_t pid,
                                  std::chrono::milliseconds limit = std::chrono::seconds(20));
+
+// The direct children of `parent` (empty when it is gone), and a process's short name.
+[[nodiscard]] std::vector<pid_t> childProcesses(pid_t parent);
+[[nodiscard]] std::string processName(pid_t pid);
 
 // Kills `pid` with SIGKILL when it goes out of scope, if it is still running; for daemons a
 // test starts on purpose.

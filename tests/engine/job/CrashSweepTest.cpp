@@ -79,7 +79,7 @@ TEST(ConversionJobCrash, KilledJobLeavesOnlySweepableNames) {
     ASSERT_EQ(::waitpid(pid, &status, 0), pid);
     ASSERT_TRUE(midEncode) << "the job never reached its encode";
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
-    // ffmpeg outlives its parent; end it too, as a crash of the whole session would.
+    // ffmpeg dies with its parent; wait until nothing of the group is left to write.
     ::kill(-pid, SIGKILL);
     EXPECT_TRUE(waitUntil([&] { return ::kill(-pid, 0) != 0 && errno == ESRCH; }));
 

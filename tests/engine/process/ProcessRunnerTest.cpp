@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,6 +18,8 @@
 
 #include "engine/process/ProcessRunner.hpp"
 #include "tests/support/FakeTools.hpp"
+
+extern char** environ;
 
 namespace tessarin::engine {
 namespace {
@@ -140,6 +144,24 @@ TEST(ProcessRunner, WorksWhileThisProcessHasStandardInputClosed) {
     ::close(saved);
     EXPECT_EQ(result.stdoutData, "/dev/null\n");
     EXPECT_EQ(result.stderrTail, "err");
+}
+
+TEST(ProcessRunner, ChildStartsWithDefaultSignalsWhateverThisThreadSet) {
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    struct sigaction previousPipe {};
+    ASSERT_EQ(::sigaction(SIGPIPE, &ignore, &previousPipe), 0);
+    sigset_t blocked;
+    sigset_t previousMask;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGUSR1);
+    ASSERT_EQ(::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask), 0);
+    ProcessRunner runner;
+    const ProcessResult result =
+        runner.run("/bin/grep", {"-E", "^Sig(Blk|Ign)", "/proc/self/status"}, true);
+    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
+    ::sigaction(SIGPIPE, &previousPipe, nullptr);
+    EXPECT_EQ(result.stdoutData, "SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
 }
 
 TEST(ProcessRunner, GivenEnvironmentReplacesTheInheritedOne) {
@@ -421,6 +443,71 @@ TEST(ProcessRunner, CancelRacingTheRunGivesConsistentResults) {
             EXPECT_EQ(result.exitCode, SIGTERM);
         }
     }
+}
+
+// The runner's child is killed when the process that ran it dies, even by SIGKILL: a long
+// ffmpeg held by a helper process is gone within a second of that process.
+TEST(ProcessRunnerDeath, ChildDiesWithTheProcessThatRanIt) {
+    const std::string hold = std::string(TESSARIN_BIN_DIR) + "/tessarin_runner_hold_tool";
+    const std::string ffmpeg = std::string(TESSARIN_HELPER_DIR) + "/ffmpeg";
+    // Silent, so that no broken pipe can end it in the death signal's stead.
+    std::vector<std::string> arguments = {hold,
+                                          ffmpeg,
+                                          "-nostdin",
+                                          "-nostats",
+                                          "-loglevel",
+                                          "quiet",
+                                          "-re",
+                                          "-f",
+                                          "lavfi",
+                                          "-i",
+                                          "testsrc=size=64x64:rate=10",
+                                          "-t",
+                                          "60",
+                                          "-f",
+                                          "null",
+                                          "-"};
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) {
+        argv.push_back(argument.data());
+    }
+    argv.push_back(nullptr);
+    pid_t holder = -1;
+    ASSERT_EQ(::posix_spawn(&holder, hold.c_str(), nullptr, nullptr, argv.data(), environ), 0);
+    KillOnExit holderCleanup(holder);
+    std::vector<pid_t> children;
+    const auto start = Clock::now();
+    while (children.empty() && secondsSince(start) < 20) {
+        children = test::childProcesses(holder);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_THAT(children, ::testing::SizeIs(1));
+    KillOnExit childCleanup(children.front());
+    // Once it runs ffmpeg the child has passed the point where the death signal is armed.
+    while (test::processName(children.front()) != "ffmpeg" && secondsSince(start) < 20) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(test::processName(children.front()), "ffmpeg");
+
+    ASSERT_EQ(::kill(holder, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(holder, nullptr, 0), holder);
+    EXPECT_TRUE(test::waitUntilGone(children.front(), std::chrono::seconds(1)));
+}
+
+// The death signal follows the thread that started the child. The runner starts it from the
+// thread blocked in run(), so threads that made the runner or ran other children may end
+// while it runs.
+TEST(ProcessRunnerDeath, ChildOutlivesOtherThreadsThatEnd) {
+    std::shared_ptr<ProcessRunner> runner;
+    std::thread([&] { runner = std::make_shared<ProcessRunner>(); }).join();
+    ProcessResult result;
+    std::thread worker([&] { result = runner->run("/bin/sh", {"-c", "sleep 1; exit 7"}); });
+    for (int i = 0; i < 4; ++i) {
+        std::thread([] { (void)ProcessRunner().run("/bin/true", {}); }).join();
+    }
+    worker.join();
+    EXPECT_EQ(result.exitCode, 7);
+    EXPECT_FALSE(result.wasCancelled);
 }
 
 }  // namespace
