@@ -2,8 +2,10 @@
 //   bare: the very argument vector the job builds, run directly by ffmpeg;
 //   job:  ConversionJob::run, with its probe, verification and publication.
 // Runs alternate so that drift in the machine's load hits both alike. Prints the median of each
-// and the ratio job / bare (target: at most 1.05), then the peak resident memory of this process
-// (which ran the jobs) against the largest child (ffmpeg). Usage: [runs] (default 5).
+// and the ratio job / bare (target: at most 1.05), the fixed overhead in milliseconds with the
+// share of the two ffprobe runs the job must make (timed alone), then the peak resident memory
+// of this process (which ran the jobs) against the largest child (ffmpeg). Usage: [runs]
+// (default 5).
 // Needs CONVERTER_TOOLS_DIR or the build's helper folder beside the executable.
 #include <sys/resource.h>
 #include <unistd.h>
@@ -92,7 +94,16 @@ int main(int argc, char** argv) {
 
     std::vector<double> bare;
     std::vector<double> job;
+    std::vector<double> probes;
     for (int run = 0; run < runs; ++run) {
+        // The two probes the job must make (source and result), timed on their own.
+        auto probeStart = Clock::now();
+        for (int i = 0; i < 2; ++i) {
+            ProcessRunner runner;
+            (void)MediaProbe::probe(source, *tools, MediaInputPolicy::unrestricted, runner);
+        }
+        probes.push_back(std::chrono::duration<double>(Clock::now() - probeStart).count());
+
         auto start = Clock::now();
         if (!runQuietly(tools->ffmpeg, bareArguments)) {
             return 1;
@@ -118,10 +129,14 @@ int main(int argc, char** argv) {
     }
     const double bareMedian = median(bare);
     const double jobMedian = median(job);
+    const double probesMedian = median(probes);
     std::printf(
         "median bare ffmpeg: %.3f s\nmedian ConversionJob: %.3f s\nratio job/bare: %.3f "
         "(target <= 1.05)\n",
         bareMedian, jobMedian, jobMedian / bareMedian);
+    std::printf("fixed overhead: %.0f ms, of which two ffprobe runs %.0f ms, the rest %.0f ms\n",
+                1000 * (jobMedian - bareMedian), 1000 * probesMedian,
+                1000 * (jobMedian - bareMedian - probesMedian));
 
     struct rusage self {};
     struct rusage children {};

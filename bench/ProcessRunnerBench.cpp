@@ -1,7 +1,10 @@
 // Line throughput of ProcessRunner::runLines against the floor set by `cat` writing the same
-// file to /dev/null. A child prints 64 MiB in lines of 64 KiB; the ratio printed at the end
-// is runLines time over cat time.
+// file to /dev/null (a child prints 64 MiB in lines of 64 KiB), and the cost of a start: 1,000
+// runs of /bin/true through the runner against posix_spawn and waitpid alone (target: at most
+// 1.2). The ratios printed at the end are runner time over the plain one.
 #include <benchmark/benchmark.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -13,9 +16,13 @@
 
 #include "engine/process/ProcessRunner.hpp"
 
+extern char** environ;
+
 namespace {
 
 using tessarin::engine::ProcessRunner;
+
+constexpr int kSpawns = 1000;
 
 constexpr std::size_t kTotalBytes = 64U << 20;
 constexpr std::size_t kLineBytes = 64U << 10;  // including the line break
@@ -65,8 +72,43 @@ void BM_CatToDevNull(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kTotalBytes));
 }
 
+void spawnTrueThroughRunner() {
+    for (int i = 0; i < kSpawns; ++i) {
+        ProcessRunner runner;
+        if (runner.run("/bin/true", {}).exitCode != 0) {
+            std::abort();
+        }
+    }
+}
+
+void spawnTrueDirectly() {
+    char* argv[] = {const_cast<char*>("/bin/true"), nullptr};
+    for (int i = 0; i < kSpawns; ++i) {
+        pid_t pid = -1;
+        int status = 0;
+        if (::posix_spawn(&pid, "/bin/true", nullptr, nullptr, argv, environ) != 0 ||
+            ::waitpid(pid, &status, 0) != pid || status != 0) {
+            std::abort();
+        }
+    }
+}
+
+void BM_SpawnTrueThroughRunner(benchmark::State& state) {
+    for (auto _ : state) {
+        spawnTrueThroughRunner();
+    }
+}
+
+void BM_SpawnTrueWithPosixSpawn(benchmark::State& state) {
+    for (auto _ : state) {
+        spawnTrueDirectly();
+    }
+}
+
 BENCHMARK(BM_RunLines)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BM_CatToDevNull)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_SpawnTrueThroughRunner)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+BENCHMARK(BM_SpawnTrueWithPosixSpawn)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
 
 // Times both once more after the benchmarks and prints the ratio.
 double secondsFor(void (*body)()) {
@@ -97,6 +139,15 @@ int main(int argc, char** argv) {
     std::printf("runLines 64 MiB in 64 KiB lines: %.1f ms; cat to /dev/null: %.1f ms; ratio %.2f\n",
                 1000 * runLinesSeconds / kRounds, 1000 * catSeconds / kRounds,
                 runLinesSeconds / catSeconds);
+    double runnerSeconds = 0;
+    double spawnSeconds = 0;
+    for (int i = 0; i < kRounds; ++i) {
+        runnerSeconds += secondsFor(spawnTrueThroughRunner);
+        spawnSeconds += secondsFor(spawnTrueDirectly);
+    }
+    std::printf("%d x /bin/true: runner %.1f ms; posix_spawn %.1f ms; ratio %.2f\n", kSpawns,
+                1000 * runnerSeconds / kRounds, 1000 * spawnSeconds / kRounds,
+                runnerSeconds / spawnSeconds);
     std::filesystem::remove(sampleFile());
     benchmark::Shutdown();
     return 0;

@@ -35,7 +35,7 @@ int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools, con
         sink.start(planned.source, planned.label);
         auto job = std::make_shared<engine::ConversionJob>(
             fs::absolute(planned.source), planned.task, tools,
-            engine::MediaInputPolicy::unrestricted, gate.policy(), outputDirectory,
+            engine::MediaInputPolicy::unrestricted, gate.policyFor(planned.task), outputDirectory,
             gate.hardwareFor(planned.task));
         interruption.watch(job);
         try {

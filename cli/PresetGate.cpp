@@ -5,9 +5,42 @@
 
 namespace tessarin::cli {
 
-PresetGate::PresetGate(engine::Tools tools) : tools_(std::move(tools)) {
-    policy_.softwareHEVC =
-        engine::bundledSoftwareHEVCSource(engine::EncoderInventory::shared(), tools_.ffmpeg);
+namespace {
+
+const engine::Preset* presetOf(const engine::MediaTask& task) {
+    if (const auto* convert = std::get_if<engine::MediaTask::Convert>(&task.kind)) {
+        return &convert->preset;
+    }
+    if (const auto* join = std::get_if<engine::MediaTask::Join>(&task.kind)) {
+        return &join->preset;
+    }
+    return nullptr;
+}
+
+std::optional<engine::VideoCodec> codecOf(const engine::MediaTask& task) {
+    const engine::Preset* preset = presetOf(task);
+    return preset ? preset->options.format.videoCodec() : std::nullopt;
+}
+
+}  // namespace
+
+PresetGate::PresetGate(engine::Tools tools) : tools_(std::move(tools)) {}
+
+engine::EncoderCapabilityPolicy PresetGate::policyFor(
+    std::optional<engine::VideoCodec> codec) const {
+    engine::EncoderCapabilityPolicy policy;
+    if (codec && engine::isHEVCFamily(*codec)) {
+        if (!softwareHEVC_) {
+            softwareHEVC_ = engine::bundledSoftwareHEVCSource(engine::EncoderInventory::shared(),
+                                                              tools_.ffmpeg);
+        }
+        policy.softwareHEVC = *softwareHEVC_;
+    }
+    return policy;
+}
+
+engine::EncoderCapabilityPolicy PresetGate::policyFor(const engine::MediaTask& task) const {
+    return policyFor(codecOf(task));
 }
 
 const engine::HardwareEncoderSupport& PresetGate::hardware() const {
@@ -22,18 +55,12 @@ std::optional<std::string> PresetGate::disabledReason(const engine::Preset& pres
     // Software presets never need the hardware test encodes.
     static const engine::HardwareEncoderSupport kNoHardwareAsked;
     const bool needsHardware = codec && engine::isHardware(*codec);
-    return engine::presetDisabledReason(preset, policy_,
+    return engine::presetDisabledReason(preset, policyFor(codec),
                                         needsHardware ? hardware() : kNoHardwareAsked);
 }
 
 engine::HardwareEncoderSupport PresetGate::hardwareFor(const engine::MediaTask& task) const {
-    const engine::Preset* preset = nullptr;
-    if (const auto* convert = std::get_if<engine::MediaTask::Convert>(&task.kind)) {
-        preset = &convert->preset;
-    } else if (const auto* join = std::get_if<engine::MediaTask::Join>(&task.kind)) {
-        preset = &join->preset;
-    }
-    const auto codec = preset ? preset->options.format.videoCodec() : std::nullopt;
+    const auto codec = codecOf(task);
     if (!codec || !engine::isHardware(*codec)) {
         return {};
     }
