@@ -46,14 +46,12 @@ struct CustomPreset {
     // unreadable format `h264`, unreadable parameters the format's defaults, each noted in `log`
     // (fields of the parameters are noted under their own keys). A record of an unsupported
     // schema is decoded with nothing noted and its parameters already sanitised. Throws
-    // PresetDecodeError only when `json` is not an object; std::system_error if no random id can
-    // be made.
+    // PresetDecodeError only when `json` is not an object.
     [[nodiscard]] static CustomPreset fromJSON(const nlohmann::json& json,
                                                DecodeRepairLog* log = nullptr);
 };
 
-// "custom-" followed by a fresh random UUID in upper-case canonical form. Throws
-// std::system_error only if the system's random source fails.
+// "custom-" followed by a fresh random UUID in upper-case canonical form.
 [[nodiscard]] std::string makeCustomPresetID();
 
 }  // namespace tessarin::presets

@@ -4,8 +4,8 @@
 
 #include <algorithm>
 
+#include "engine/text/UnicodeText.hpp"
 #include "presets/DecodeRepairLog.hpp"
-#include "presets/internal/Lowercase.hpp"
 
 namespace tessarin::presets {
 
@@ -32,9 +32,10 @@ const engine::Preset* findBuiltin(std::span<const engine::Preset> builtins, std:
     return found == builtins.end() ? nullptr : &*found;
 }
 
-// The stored text parsed, or a discarded value when there is none or it is not JSON.
+// The stored text parsed, or a discarded value when there is none or it is not JSON. A NUL byte
+// would end the parser's input early, so text holding one is not JSON either.
 nlohmann::json parseStored(const std::optional<std::string>& text) {
-    if (!text) {
+    if (!text || text->find('\0') != std::string::npos) {
         return nlohmann::json(nlohmann::json::value_t::discarded);
     }
     return nlohmann::json::parse(*text, nullptr, /*allow_exceptions=*/false);
@@ -167,7 +168,7 @@ std::vector<engine::Preset> PresetResolver::effectivePresets(
 
 std::string PresetResolver::slug(std::string_view name) {
     std::string result;
-    for (const char32_t scalar : internal::lowercasedScalars(name)) {
+    for (const char32_t scalar : engine::lowercased(engine::decodeUtf8Lossy(name))) {
         if ((scalar >= U'a' && scalar <= U'z') || (scalar >= U'0' && scalar <= U'9')) {
             result.push_back(static_cast<char>(scalar));
         } else if (!result.empty() && result.back() != '-') {

@@ -53,20 +53,22 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 9> kChipName
     {"mp4-h265-vt", "H.265 ⚡"},
 }};
 
-// Row texts by JobKind case, in the order of its variant.
-struct RowLabels {
+// Row and notification texts by JobKind case, in the order of its variant.
+struct KindTexts {
     const char* running;
     const char* done;
+    const char* finishedTitle;
+    const char* failedTitle;
 };
-constexpr std::array<RowLabels, 6> kRowLabels{{
-    {"Converting", "Converted"},
-    {"Converting", "Converted"},
-    {"Extracting audio", "Extracted"},
-    {"Cutting without re-encoding", "Fast cut"},
-    {"Transcribing", "Transcribed"},
-    {"Exporting frames", "Frames exported"},
+constexpr std::array<KindTexts, 6> kKindTexts{{
+    {"Converting", "Converted", "Conversion finished", "Conversion failed"},
+    {"Converting", "Converted", "Conversion finished", "Conversion failed"},
+    {"Extracting audio", "Extracted", "Conversion finished", "Conversion failed"},
+    {"Cutting without re-encoding", "Fast cut", "Conversion finished", "Conversion failed"},
+    {"Transcribing", "Transcribed", "Transcription finished", "Transcription failed"},
+    {"Exporting frames", "Frames exported", "Conversion finished", "Frame export failed"},
 }};
-static_assert(kRowLabels.size() == std::variant_size_v<decltype(JobKind::value)>);
+static_assert(kKindTexts.size() == std::variant_size_v<decltype(JobKind::value)>);
 
 const FixedAction& fixedAction(ActionID::Kind kind) {
     for (const FixedAction& action : kFixedActions) {
@@ -231,11 +233,19 @@ std::optional<JobKind> jobKind(const ActionID& id, const std::optional<engine::P
 }
 
 std::string runningLabel(const JobKind& kind) {
-    return kRowLabels[kind.value.index()].running;
+    return kKindTexts[kind.value.index()].running;
 }
 
 std::string doneLabel(const JobKind& kind) {
-    return kRowLabels[kind.value.index()].done;
+    return kKindTexts[kind.value.index()].done;
+}
+
+std::string finishedNotificationTitle(const JobKind& kind) {
+    return kKindTexts[kind.value.index()].finishedTitle;
+}
+
+std::string failedNotificationTitle(const JobKind& kind) {
+    return kKindTexts[kind.value.index()].failedTitle;
 }
 
 }  // namespace tessarin::app

@@ -138,5 +138,9 @@ inline constexpr const char* kFramesUnavailableSentence =
 // Queue-row texts of a job kind: the verb while it runs and the word when it is done.
 [[nodiscard]] std::string runningLabel(const JobKind& kind);
 [[nodiscard]] std::string doneLabel(const JobKind& kind);
+// Titles of the desktop notification when a job of this kind ends: "Conversion finished",
+// "Transcription failed"….
+[[nodiscard]] std::string finishedNotificationTitle(const JobKind& kind);
+[[nodiscard]] std::string failedNotificationTitle(const JobKind& kind);
 
 }  // namespace tessarin::app

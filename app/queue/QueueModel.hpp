@@ -243,6 +243,7 @@ private slots:
     void deliverBackgroundResults();
 
 private:
+    // Defined in internal/QueueModelInternals.hpp.
     struct Scan;
     struct RunningJob;
     struct Candidate {
@@ -250,7 +251,14 @@ private:
         std::optional<IntakeFileID> id;
     };
 
+    // Rows and state (QueueModel.cpp).
     [[nodiscard]] std::optional<ActionDescriptor> resolveDescriptor(const ActionID& id);
+    void updateItem(const engine::Uuid& id, const std::function<void(QueueItem&)>& change);
+    [[nodiscard]] QueueItem* findItem(const engine::Uuid& id);
+    [[nodiscard]] std::optional<engine::Trim> batchTrim() const;
+    void requireMainThread() const;
+
+    // Intake (QueueIntake.cpp).
     // Steps 9 to 11 of an intake, on the main thread, after files are known.
     bool admit(std::vector<Candidate> files, const std::optional<ActionID>& action,
                const IntakeOptions& options, bool confirmed);
@@ -263,14 +271,13 @@ private:
                                    const std::optional<ActionID>& action) const;
     void finishScan(uint64_t generation, FolderWalkResult result, std::optional<ActionID> action,
                     IntakeOptions options, std::vector<Candidate> directFiles);
+
+    // Scheduling (QueueScheduling.cpp) and the job of each kind (QueueJobFactory.cpp).
     void runItem(QueueItem& item);
+    // Nothing when the kind's job can't be made here; the row then fails as unavailable.
     [[nodiscard]] std::shared_ptr<QueueJob> makeJob(const QueueItem& item);
     void finishItem(const engine::Uuid& id, std::optional<std::filesystem::path> output,
                     std::optional<engine::JobFailure> failure);
-    void updateItem(const engine::Uuid& id, const std::function<void(QueueItem&)>& change);
-    [[nodiscard]] QueueItem* findItem(const engine::Uuid& id);
-    [[nodiscard]] std::optional<engine::Trim> batchTrim() const;
-    void requireMainThread() const;
 
     const std::optional<engine::Tools> tools_;
     std::vector<QueueItem> items_;

@@ -10,15 +10,14 @@
 #include <type_traits>
 #include <variant>
 
-#include "engine/clips/internal/UnicodeText.hpp"
 #include "engine/model/NumberText.hpp"
 #include "engine/model/TimeText.hpp"
+#include "engine/text/UnicodeText.hpp"
 
 namespace tessarin::engine {
 
 namespace {
 
-namespace text = clips_internal;
 using Kind = ClipSelection::Invalid::Kind;
 
 constexpr int64_t kMicrosecondsPerSecond = 1'000'000;
@@ -121,27 +120,27 @@ std::optional<std::string> normalizedSide(const std::optional<std::string>& side
 }
 
 std::string normalizedName(std::string_view name) {
-    const std::optional<std::u32string> scalars = text::decodeUtf8(name);
+    const std::optional<std::u32string> scalars = decodeUtf8(name);
     if (!scalars) {
         fail(Kind::name);
     }
-    const std::u32string_view kept = text::trimmed(*scalars, text::isBlank);
-    if (std::any_of(kept.begin(), kept.end(), text::isControl) ||
-        text::characterCount(kept) > ClipSelection::kNameLimit) {
+    const std::u32string_view kept = trimmed(*scalars, isBlank);
+    if (std::any_of(kept.begin(), kept.end(), isControl) ||
+        characterCount(kept) > ClipSelection::kNameLimit) {
         fail(Kind::name);
     }
-    return text::encodeUtf8(kept);
+    return encodeUtf8(kept);
 }
 
 // Control characters become blanks; what is left after trimming is cut to the name limit, or
 // the chapter's one-based position names it.
 std::string chapterName(const std::optional<std::string>& title, std::size_t index) {
-    std::optional<std::u32string> scalars = title ? text::decodeUtf8(*title) : std::nullopt;
+    std::optional<std::u32string> scalars = title ? decodeUtf8(*title) : std::nullopt;
     if (scalars) {
-        std::replace_if(scalars->begin(), scalars->end(), text::isControl, U' ');
-        const std::u32string_view kept = text::trimmed(*scalars, text::isWhitespaceOrNewline);
+        std::replace_if(scalars->begin(), scalars->end(), isControl, U' ');
+        const std::u32string_view kept = trimmed(*scalars, isWhitespaceOrNewline);
         if (!kept.empty()) {
-            return text::encodeUtf8(text::characterPrefix(kept, ClipSelection::kNameLimit));
+            return encodeUtf8(characterPrefix(kept, ClipSelection::kNameLimit));
         }
     }
     return fmt::format("Chapter {}", index + 1);
@@ -183,15 +182,15 @@ ClipSelection::ClipSelection(const Trim& trim, std::string_view name)
     : ClipSelection(Uuid::random(), trim, name) {}
 
 std::optional<std::string> ClipSelection::normalizeTime(std::string_view timeText) {
-    const std::optional<std::u32string> scalars = text::decodeUtf8(timeText);
+    const std::optional<std::u32string> scalars = decodeUtf8(timeText);
     if (!scalars) {
         fail(Kind::time);
     }
-    const std::u32string_view kept = text::trimmed(*scalars, text::isBlank);
+    const std::u32string_view kept = trimmed(*scalars, isBlank);
     if (kept.empty()) {
         return std::nullopt;
     }
-    std::string result = text::encodeUtf8(kept);
+    std::string result = encodeUtf8(kept);
     if (!matchesTimePattern(result)) {
         fail(Kind::time);
     }
@@ -347,7 +346,7 @@ std::vector<Trim> ClipSelection::join(std::span<const ClipSelection> clips,
 std::string ClipSelection::fileSuffix(std::size_t index) const {
     std::string slug;
     // The name is valid UTF-8: the constructor refused anything else.
-    const std::u32string lower = text::lowercased(text::decodeUtf8(name_).value_or(U""));
+    const std::u32string lower = lowercased(decodeUtf8(name_).value_or(U""));
     for (char32_t c : lower) {
         if ((c >= U'a' && c <= U'z') || (c >= U'0' && c <= U'9')) {
             slug.push_back(static_cast<char>(c));

@@ -13,8 +13,8 @@ namespace tessarin::engine {
 struct Uuid {
     std::array<uint8_t, 16> bytes{};
 
-    // A new random identifier from the kernel's random source. Throws std::system_error only if
-    // that source fails.
+    // A new random identifier from libuuid, which draws on the kernel's random source. Never
+    // throws.
     [[nodiscard]] static Uuid random();
     // The 8-4-4-4-12 hexadecimal form in either case, or nothing.
     [[nodiscard]] static std::optional<Uuid> fromText(std::string_view text);

@@ -82,6 +82,12 @@ TEST(ActionCatalog, LogTokensAndJobKinds) {
     ASSERT_TRUE(audio);
     EXPECT_EQ(std::get<JobKind::ExtractAudio>(audio->value).options.trim, trim);
     EXPECT_EQ(doneLabel(*audio), "Extracted");
+    EXPECT_EQ(failedNotificationTitle(*audio), "Conversion failed");
+
+    const JobKind transcribe{JobKind::Transcribe{}};
+    EXPECT_EQ(finishedNotificationTitle(transcribe), "Transcription finished");
+    EXPECT_EQ(failedNotificationTitle(transcribe), "Transcription failed");
+    EXPECT_EQ(failedNotificationTitle(JobKind{JobKind::Frames{}}), "Frame export failed");
 }
 
 TEST(ErrorRedaction, PathsAndTheSourceNameNeverSurvive) {

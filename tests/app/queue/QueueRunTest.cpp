@@ -8,6 +8,7 @@
 
 #include "app/destinations/OutputDestination.hpp"
 #include "app/destinations/OutputDestinationTexts.hpp"
+#include "app/queue/QueueJob.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "tests/app/queue/QueueTestSupport.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
@@ -197,6 +198,47 @@ TEST_F(QueueRunTest, SameNamedSourcesFromTwoFoldersLandFlattenedWithASuffix) {
     ASSERT_TRUE(waitFor([&] { return queue->items().size() == 2 && allFinished(); }));
     EXPECT_EQ(queue->items()[0].stateLabel(), "Extracted");
     EXPECT_EQ(filesIn(dir / "out"), (std::vector<fs::path>{"clip-audio-2.m4a", "clip-audio.m4a"}));
+}
+
+// A job of another kind that ends at once with `output`.
+class FinishedJob final : public QueueJob {
+public:
+    explicit FinishedJob(fs::path output) : output_(std::move(output)) {}
+    fs::path run(const Callbacks&) override { return output_; }
+    void cancel() override {}
+
+private:
+    fs::path output_;
+};
+
+TEST_F(QueueRunTest, OtherKindsOfJobComeFromTheirFactoryOrFailTheRowAtItsStart) {
+    const std::vector<fs::path> videos = test::emptyVideos(dir.path(), 2);
+    std::vector<fs::path> framesMadeFor;
+    queue->framesJobFactory = [&](const QueueItem& item) {
+        framesMadeFor.push_back(item.source);
+        return std::make_shared<FinishedJob>(dir / "v-0-frames");
+    };
+    // Transcription may be chosen, but nothing makes its jobs.
+    queue->transcriptionPrerequisites = [] {
+        return TranscriptionPrerequisites{true, true, true, false, false};
+    };
+    ASSERT_TRUE(queue->intake(urlsOf({videos[0]}), test::withAction(ActionID::frames())));
+    ASSERT_TRUE(queue->intake(urlsOf({videos[1]}), test::withAction(ActionID::transcribe())));
+    ASSERT_TRUE(waitFor([this] { return allFinished(); }));
+
+    EXPECT_EQ(framesMadeFor, std::vector<fs::path>{videos[0]});
+    const auto& items = queue->items();
+    ASSERT_EQ(items.size(), 2U);
+    EXPECT_EQ(items[0].stateLabel(), "Frames exported");
+    EXPECT_EQ(items[0].state.output, dir / "v-0-frames");
+    ASSERT_TRUE(items[1].state.failure);
+    EXPECT_EQ(items[1].state.failure->step, "start");
+    EXPECT_EQ(items[1].state.failure->stderrTail,
+              "This action is not available in this version of Tessarin. Nothing was saved; "
+              "choose another action for this file.");
+    ASSERT_EQ(notifications.size(), 2U);
+    EXPECT_EQ(notifications[1].first, "Transcription failed");
+    EXPECT_EQ(notifications[1].second, "v-1.mp4");
 }
 
 }  // namespace

@@ -599,25 +599,5 @@ TEST(TaskForClip, GivesTheClipsRangeAndAppendsItsSuffix) {
               MediaTask::join(expectedJoin, ranges, true));
 }
 
-// ---- Identifiers ------------------------------------------------------------------------------
-
-TEST(Uuid, RandomIsVersionFourAndRoundTripsThroughText) {
-    const Uuid id = Uuid::random();
-    EXPECT_EQ(id.bytes[6] >> 4, 4);
-    EXPECT_EQ(id.bytes[8] & 0xC0, 0x80);
-    EXPECT_NE(id, Uuid::random());
-    EXPECT_EQ(Uuid::fromText(id.text()), id);
-
-    const std::optional<Uuid> parsed = Uuid::fromText("6BA7B810-9DAD-11D1-80B4-00C04FD430C8");
-    ASSERT_TRUE(parsed.has_value());
-    EXPECT_EQ(parsed->text(), "6ba7b810-9dad-11d1-80b4-00c04fd430c8");
-    for (const char* bad :
-         {"", "6ba7b810-9dad-11d1-80b4-00c04fd430c", "6ba7b8109dad11d180b400c04fd430c8",
-          "6ba7b810-9dad-11d1-80b4-00c04fd430cg", "6ba7b810+9dad-11d1-80b4-00c04fd430c8",
-          "6ba7b810-9dad-11d1-80b4-00c04fd430c8 "}) {
-        EXPECT_EQ(Uuid::fromText(bad), std::nullopt) << '"' << bad << '"';
-    }
-}
-
 }  // namespace
 }  // namespace tessarin::engine

@@ -1,4 +1,4 @@
-#include "engine/clips/internal/UnicodeText.hpp"
+#include "engine/text/UnicodeText.hpp"
 
 #include <unicode/ubrk.h>
 #include <unicode/uchar.h>
@@ -9,9 +9,80 @@
 #include <memory>
 #include <vector>
 
-namespace tessarin::engine::clips_internal {
+namespace tessarin::engine {
 
 namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+// The first scalar of non-empty `text` and the bytes it takes; for an ill-formed start, no
+// scalar and the length of its maximal subpart. The allowed range of the second byte rules out
+// overlong forms, surrogates and values above U+10FFFF.
+struct Decoded {
+    std::optional<char32_t> scalar;
+    std::size_t length = 1;
+};
+
+Decoded decodeFirst(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text[0]);
+    if (lead < 0x80) {
+        return {lead, 1};
+    }
+    std::size_t length = 0;
+    char32_t value = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        value = lead & 0x1F;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        value = lead & 0x0F;
+        if (lead == 0xE0) {
+            low = 0xA0;
+        } else if (lead == 0xED) {
+            high = 0x9F;
+        }
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        value = lead & 0x07;
+        if (lead == 0xF0) {
+            low = 0x90;
+        } else if (lead == 0xF4) {
+            high = 0x8F;
+        }
+    } else {
+        return {std::nullopt, 1};
+    }
+    for (std::size_t k = 1; k < length; ++k) {
+        if (k == text.size()) {
+            return {std::nullopt, k};
+        }
+        const auto continuation = static_cast<unsigned char>(text[k]);
+        if (continuation < low || continuation > high) {
+            return {std::nullopt, k};
+        }
+        value = (value << 6) | (continuation & 0x3F);
+        low = 0x80;
+        high = 0xBF;
+    }
+    return {value, length};
+}
+
+// Nothing at the first ill-formed part unless `replace`, which puts U+FFFD there instead.
+std::optional<std::u32string> decode(std::string_view text, bool replace) {
+    std::u32string scalars;
+    scalars.reserve(text.size());
+    for (std::size_t i = 0; i < text.size();) {
+        const Decoded decoded = decodeFirst(text.substr(i));
+        if (!decoded.scalar && !replace) {
+            return std::nullopt;
+        }
+        scalars.push_back(decoded.scalar.value_or(kReplacement));
+        i += decoded.length;
+    }
+    return scalars;
+}
 
 struct Utf16 {
     std::vector<UChar> units;
@@ -86,51 +157,11 @@ std::vector<int32_t> graphemeEnds(const Utf16& text, std::size_t limit) {
 }  // namespace
 
 std::optional<std::u32string> decodeUtf8(std::string_view text) {
-    std::u32string scalars;
-    scalars.reserve(text.size());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        if (lead < 0x80) {
-            scalars.push_back(lead);
-            ++i;
-            continue;
-        }
-        std::size_t length = 0;
-        char32_t value = 0;
-        char32_t minimum = 0;
-        if (lead >= 0xC2 && lead <= 0xDF) {
-            length = 2;
-            value = lead & 0x1F;
-            minimum = 0x80;
-        } else if (lead >= 0xE0 && lead <= 0xEF) {
-            length = 3;
-            value = lead & 0x0F;
-            minimum = 0x800;
-        } else if (lead >= 0xF0 && lead <= 0xF4) {
-            length = 4;
-            value = lead & 0x07;
-            minimum = 0x10000;
-        } else {
-            return std::nullopt;
-        }
-        if (text.size() - i < length) {
-            return std::nullopt;
-        }
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto continuation = static_cast<unsigned char>(text[i + k]);
-            if ((continuation & 0xC0) != 0x80) {
-                return std::nullopt;
-            }
-            value = (value << 6) | (continuation & 0x3F);
-        }
-        if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
-            return std::nullopt;
-        }
-        scalars.push_back(value);
-        i += length;
-    }
-    return scalars;
+    return decode(text, false);
+}
+
+std::u32string decodeUtf8Lossy(std::string_view text) {
+    return *decode(text, true);
 }
 
 std::string encodeUtf8(std::u32string_view scalars) {
@@ -229,4 +260,4 @@ std::u32string lowercased(std::u32string_view scalars) {
     return fromUtf16(lower.data(), static_cast<std::size_t>(length));
 }
 
-}  // namespace tessarin::engine::clips_internal
+}  // namespace tessarin::engine

@@ -1,6 +1,6 @@
-// The few Unicode facts that clip names and time texts need: scalars of UTF-8, the control and
-// blank sets, user-perceived characters and lower-casing. Backed by ICU; not for use outside
-// engine/clips. Pure functions, safe from any thread; none of them throws.
+// The few Unicode facts that names and time texts need: scalars of UTF-8, the control and blank
+// sets, user-perceived characters and lower-casing. Backed by ICU. Pure functions, safe from any
+// thread; none throws but std::bad_alloc.
 #pragma once
 
 #include <cstddef>
@@ -8,11 +8,14 @@
 #include <string>
 #include <string_view>
 
-namespace tessarin::engine::clips_internal {
+namespace tessarin::engine {
 
 // The Unicode scalars of `text`, or nothing when it is not well-formed UTF-8 (overlong forms,
 // surrogates and values above U+10FFFF are malformed).
 [[nodiscard]] std::optional<std::u32string> decodeUtf8(std::string_view text);
+// The Unicode scalars of `text` with each ill-formed part replaced by U+FFFD: one per maximal
+// subpart, as ICU and web browsers count them. Never fails.
+[[nodiscard]] std::u32string decodeUtf8Lossy(std::string_view text);
 [[nodiscard]] std::string encodeUtf8(std::u32string_view scalars);
 
 // General categories Cc and Cf: C0/C1 controls and format characters such as U+200B and U+FEFF.
@@ -39,7 +42,8 @@ template <typename Predicate>
 // The first `count` extended grapheme clusters (all of them when there are fewer).
 [[nodiscard]] std::u32string characterPrefix(std::u32string_view scalars, std::size_t count);
 
-// Full lower-case mapping without language rules: "İ" becomes "i̇" and the Kelvin sign "k".
+// Full lower-case mapping without language rules: "İ" becomes "i" and a combining dot, the
+// Kelvin sign "k". Whole-text context applies (a final capital sigma becomes "ς").
 [[nodiscard]] std::u32string lowercased(std::u32string_view scalars);
 
-}  // namespace tessarin::engine::clips_internal
+}  // namespace tessarin::engine

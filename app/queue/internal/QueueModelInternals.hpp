@@ -1,0 +1,43 @@
+// What the files of QueueModel share: the records of a folder scan and of the running job, the
+// queue's two logs, and the texts that more than one of them shows. Not for use outside
+// app/queue. Main thread only, like QueueModel.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "app/queue/QueueModel.hpp"
+#include "engine/log/Log.hpp"
+
+namespace tessarin::app {
+
+struct QueueModel::Scan {
+    uint64_t generation = 0;
+    // The batch awaiting confirmation when the scan began.
+    std::optional<engine::Uuid> pendingAtStart;
+    std::shared_ptr<CancellationFlag> cancel = std::make_shared<CancellationFlag>();
+};
+
+struct QueueModel::RunningJob {
+    engine::Uuid itemID;
+    std::shared_ptr<QueueJob> job;
+    std::shared_ptr<ProgressRelay> relay;
+};
+
+namespace queue_internal {
+
+inline constexpr const char* kChooseAction = "Choose an action above, then click Convert.";
+
+// Jobs, the queue's rows and quitting.
+[[nodiscard]] const engine::Logger& queueLog();
+// Files coming in: limits, duplicates, confirmation, folder scans.
+[[nodiscard]] const engine::Logger& intakeLog();
+
+// A row's trim text, "start–end" with an open side named.
+[[nodiscard]] std::string trimLabelOf(const engine::Trim& trim);
+
+}  // namespace queue_internal
+
+}  // namespace tessarin::app
