@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchSupport.hpp"
 #include "engine/ffmpeg/FFmpegCommandBuilder.hpp"
 #include "engine/job/ConversionJob.hpp"
 #include "engine/probe/MediaProbe.hpp"
@@ -28,59 +29,25 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace tessarin::engine;
+using tessarin::bench::median;
+using tessarin::bench::runQuietly;
 using Clock = std::chrono::steady_clock;
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    const std::size_t middle = values.size() / 2;
-    return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-}
-
-bool runQuietly(const fs::path& executable, const std::vector<std::string>& arguments) {
-    ProcessRunner runner;
-    const ProcessResult result = runner.run(executable, arguments);
-    if (result.exitCode != 0 || result.wasCancelled) {
-        std::fprintf(stderr, "%s failed (%d): %s\n", executable.c_str(), result.exitCode,
-                     result.stderrTail.c_str());
-        return false;
-    }
-    return true;
-}
 
 }  // namespace
 
 int main(int argc, char** argv) {
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
-    std::optional<Tools> tools = Tools::fromEnvironment();
-    if (!tools) {
-        tools = Tools::inBundle(Tools::bundledHelperDirectory());
-    }
-    if (!tools) {
-        std::fprintf(stderr, "no tools: set CONVERTER_TOOLS_DIR\n");
+    const std::optional<Tools> tools = tessarin::bench::locateTools();
+    const std::optional<fs::path> madeFolder = tessarin::bench::makeFolder("tessarin-job-bench");
+    if (!tools || !madeFolder) {
         return 2;
     }
-    char pattern[] = "/tmp/tessarin-job-bench-XXXXXX";
-    if (::mkdtemp(pattern) == nullptr) {
-        return 2;
-    }
-    const fs::path folder = pattern;
+    const fs::path folder = *madeFolder;
     const fs::path source = folder / "source.mp4";
     const fs::path outputs = folder / "out";
     fs::create_directory(outputs);
     fs::permissions(outputs, fs::perms::owner_all, fs::perm_options::replace);
-    if (!runQuietly(tools->ffmpeg,
-                    {"-y",           "-nostdin",
-                     "-v",           "error",
-                     "-f",           "lavfi",
-                     "-i",           "testsrc2=size=1280x720:rate=25:duration=10",
-                     "-f",           "lavfi",
-                     "-i",           "sine=frequency=440:sample_rate=48000:duration=10",
-                     "-c:v",         "libx264",
-                     "-preset",      "ultrafast",
-                     "-pix_fmt",     "yuv420p",
-                     "-c:a",         "aac",
-                     "-b:a",         "128k",
-                     source.string()})) {
+    if (!runQuietly(tools->ffmpeg, tessarin::bench::testClipArguments(source, "1280x720", 10))) {
         return 1;
     }
     ProcessRunner probeRunner;

@@ -88,17 +88,13 @@ std::optional<std::string> fixedDisabledReason(ActionID::Kind kind,
                 return kNoTranscriptionModelSentence;
             }
             break;
-        case ActionID::Kind::fastCut:
-            if (!availability.fastCutAvailable) {
-                return engine::kFastCutUnavailableSentence;
-            }
-            break;
         case ActionID::Kind::frames:
             if (!availability.framesAvailable) {
                 return kFramesUnavailableSentence;
             }
             break;
         case ActionID::Kind::extractAudio:
+        case ActionID::Kind::fastCut:
         case ActionID::Kind::preset:
             break;
     }

@@ -91,7 +91,6 @@ struct ActionAvailability {
     engine::HardwareEncoderSupport hardware;
     bool transcriptionModelUsable = false;
     bool framesAvailable = false;
-    bool fastCutAvailable = false;
 };
 
 inline constexpr const char* kNoTranscriptionModelSentence =

@@ -243,8 +243,6 @@ ActionAvailability QueueModel::actionAvailability() const {
     availability.hardware = hardwareEncoders();
     availability.transcriptionModelUsable = transcriptionPrerequisites().hasUsableModel;
     availability.framesAvailable = static_cast<bool>(framesJobFactory);
-    // The engine refuses fast cuts until keyframe-aligned copying lands.
-    availability.fastCutAvailable = false;
     return availability;
 }
 

@@ -285,9 +285,6 @@ fs::path ConversionJob::runSteps(const Callbacks& callbacks) {
     };
     const VolumeOverrides overrides = volumeOverrides();
 
-    if (std::holds_alternative<MediaTask::FastCut>(task_.kind)) {
-        throw JobFailure::sentence("cut", kFastCutUnavailableSentence);
-    }
     checkEncoder();
     const Trim trim = applicableTrim(task_, preset_);
 
@@ -305,7 +302,13 @@ fs::path ConversionJob::runSteps(const Callbacks& callbacks) {
         callbacks.onInfo(info);
     }
     const JoinRanges ranges = checkTask(info, trim);
-    const std::optional<double> length = expectedLength(trim, ranges, info.durationSeconds);
+    std::optional<double> length = expectedLength(trim, ranges, info.durationSeconds);
+    std::optional<FastCut::Plan> cutPlan;
+    if (std::holds_alternative<MediaTask::FastCut>(task_.kind)) {
+        cutPlan = planFastCut(info, trim);
+        warn(FastCut::jobNote(*cutPlan));
+        length = cutPlan->end - cutPlan->start;
+    }
 
     const OutputNaming naming = outputNaming(task_);
     Workspace workspace;
@@ -369,7 +372,11 @@ fs::path ConversionJob::runSteps(const Callbacks& callbacks) {
 
     const double top = local ? 1.0 : 0.9;
     try {
-        encode(info, ranges, length, workspace, top, callbacks);
+        if (cutPlan) {
+            copyFastCut(*cutPlan, info, length, *workspace.encodeTarget, top, callbacks);
+        } else {
+            encode(info, ranges, length, workspace, top, callbacks);
+        }
     } catch (const JobFailure&) {
         if (!local) {
             const std::optional<int64_t> free = availableCapacity(temporary, overrides);
@@ -386,7 +393,7 @@ fs::path ConversionJob::runSteps(const Callbacks& callbacks) {
         callbacks.onProgress(top);
     }
 
-    verify(*workspace.encodeTarget);
+    verify(*workspace.encodeTarget, info);
 
     const auto cancelledBeforePublication = [this] {
         bool cancelled = false;

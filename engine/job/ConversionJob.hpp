@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/clips/FastCut.hpp"
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/ffmpeg/FFmpegCommandBuilder.hpp"
@@ -34,10 +35,6 @@
 #include "engine/publish/VolumeInfo.hpp"
 
 namespace tessarin::engine {
-
-// Why a fast-cut task is refused until copying without re-encoding lands.
-inline constexpr const char* kFastCutUnavailableSentence =
-    "Fast cut is not available in this version. Choose a preset to re-encode the range instead.";
 
 class ConversionJob {
 public:
@@ -82,6 +79,10 @@ public:
     // The preset of a convert or join task.
     [[nodiscard]] const std::optional<Preset>& preset() const { return preset_; }
 
+    // For a `fastCut` task: the plan the user reviewed. The job plans again and refuses with
+    // the `changed` sentence when the source or the boundaries differ from it. Set before run().
+    std::optional<FastCut::Plan> expectedFastCutPlan;
+
     // Test seams, left empty by the application and set before run(): the local-volume test
     // (false forces the network path), a call right before publication, and the free-space
     // reading of any folder.
@@ -101,7 +102,18 @@ private:
     void encodeGif(const ConversionOptions& options, const MediaInfo& info,
                    const JoinRanges& ranges, std::optional<double> length,
                    const Workspace& workspace, double top, const Callbacks& callbacks);
-    void verify(const std::filesystem::path& encoded);
+    // Probes the finished encode back; `source` is the source's facts, which a fast cut must
+    // keep.
+    void verify(const std::filesystem::path& encoded, const MediaInfo& source);
+
+    // A fast cut: the plan made anew (and held against the reviewed one), then the copy and the
+    // decode checks of its two ends. Throw JobFailure.
+    [[nodiscard]] FastCut::Plan planFastCut(const MediaInfo& info, const Trim& trim);
+    void copyFastCut(const FastCut::Plan& plan, const MediaInfo& info, std::optional<double> length,
+                     const std::filesystem::path& target, double top, const Callbacks& callbacks);
+    // Decodes one second of `output` (its first, or with `fromEnd` its last); false when no
+    // video frame came out.
+    [[nodiscard]] bool decodesBoundary(const std::filesystem::path& output, bool fromEnd);
 
     // One tool run with ffmpeg's progress on standard output, mapped to [lo, hi] of the job.
     // Returns the last frame count seen. Throws JobFailure with `step`, or LaunchError when the

@@ -152,7 +152,9 @@ MediaInfo ConversionJob::probeSource() {
         throw JobFailure::cancelled("probe");
     }
     try {
-        return MediaProbe::probe(source_, tools_, inputPolicy_, *runner, kProbeTimeout, false);
+        // A fast cut tells how many chapters the copy leaves out.
+        const bool chapters = std::holds_alternative<MediaTask::FastCut>(task_.kind);
+        return MediaProbe::probe(source_, tools_, inputPolicy_, *runner, kProbeTimeout, chapters);
     } catch (const MediaProbeError& error) {
         switch (error.kind) {
             case MediaProbeError::Kind::unparseableOutput:
@@ -308,7 +310,7 @@ void ConversionJob::encodeGif(const ConversionOptions& options, const MediaInfo&
     }
 }
 
-void ConversionJob::verify(const fs::path& encoded) {
+void ConversionJob::verify(const fs::path& encoded, const MediaInfo& source) {
     bool cancelled = false;
     const std::shared_ptr<ProcessRunner> runner = installRunner(cancelled);
     const ScopeExit clear([this] { clearRunner(); });
@@ -367,6 +369,14 @@ void ConversionJob::verify(const fs::path& encoded) {
                                    "The finished encode contains no video stream, so it would not "
                                    "have played. Check the trim range against the source "
                                    "duration.");
+    }
+    if (std::holds_alternative<MediaTask::FastCut>(task_.kind) &&
+        (output.videoCodec != source.videoCodec || output.width != source.width ||
+         output.height != source.height || output.hasAudio != source.hasAudio ||
+         output.audioCodec != source.audioCodec)) {
+        throw JobFailure::sentence("verify",
+                                   "Fast cut did not preserve the expected video/audio streams. "
+                                   "It was not published.");
     }
 }
 

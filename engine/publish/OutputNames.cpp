@@ -1,13 +1,11 @@
 #include "engine/publish/OutputNames.hpp"
 
 #include <fmt/format.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 
-#include <array>
-#include <cerrno>
-#include <system_error>
 #include <type_traits>
+
+#include "engine/clips/Uuid.hpp"
 
 namespace tessarin::engine {
 
@@ -59,29 +57,7 @@ OutputNaming outputNaming(const MediaTask& task) {
 }
 
 std::string newUuidText() {
-    std::array<unsigned char, 16> bytes{};
-    std::size_t filled = 0;
-    while (filled < bytes.size()) {
-        const ssize_t got = getrandom(bytes.data() + filled, bytes.size() - filled, 0);
-        if (got < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            throw std::system_error(errno, std::generic_category(), "getrandom");
-        }
-        filled += static_cast<std::size_t>(got);
-    }
-    bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);
-    bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);
-    std::string text;
-    text.reserve(36);
-    for (std::size_t i = 0; i < bytes.size(); ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) {
-            text.push_back('-');
-        }
-        text += fmt::format("{:02x}", bytes[i]);
-    }
-    return text;
+    return Uuid::random().text();
 }
 
 std::string newShortId() {

@@ -32,8 +32,7 @@ inline constexpr std::string_view kScratchPrefix = ".tessarin-scratch-";
 // "-joined" for join, the options' naming for extractAudio, "-cut" and "mp4" for fastCut.
 [[nodiscard]] OutputNaming outputNaming(const MediaTask& task);
 
-// A new random (version 4) UUID in lower-case text form, from the kernel's random source.
-// Throws std::system_error if the kernel gives no random bytes.
+// A new random (version 4) UUID in lower-case text form.
 [[nodiscard]] std::string newUuidText();
 // The first 8 characters of a new UUID's text form.
 [[nodiscard]] std::string newShortId();

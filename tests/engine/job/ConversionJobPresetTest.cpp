@@ -149,17 +149,6 @@ TEST(ConversionJob, EncoderGateRefusesBeforeAnyWork) {
     EXPECT_THAT(sandbox.leftovers(), IsEmpty());
 }
 
-TEST(ConversionJob, FastCutIsRefusedWithASentence) {
-    JobSandbox sandbox;
-    const auto source = sandbox.place(testClip(TestClip::h264Aac), "clip.mp4");
-    auto job = makeJob(sandbox, source, MediaTask::fastCut(Trim{"0", "0.5"}));
-    const JobRecord record = runJob(*job);
-    ASSERT_TRUE(record.failure);
-    EXPECT_EQ(record.failure->step, "cut");
-    EXPECT_FALSE(record.failure->wasCancelled);
-    EXPECT_THAT(record.failure->stderrTail, HasSubstr("Fast cut"));
-}
-
 TEST(ConversionJob, MissingSourceIsAProbeFailure) {
     JobSandbox sandbox;
     auto job =
