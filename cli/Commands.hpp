@@ -35,6 +35,18 @@ struct ConvertRequest {
 // `tessarin convert --preset ID FILE...`: converts the files one at a time.
 int runConvert(const ConvertRequest& request);
 
+struct CutRequest {
+    std::vector<std::filesystem::path> files;
+    std::optional<std::filesystem::path> outputDirectory;
+    RangeOptions ranges;  // --join keep only
+    bool yes = false;     // export without asking
+    bool json = false;
+};
+
+// `tessarin cut --trim START,END FILE...`: plans lossless cuts on keyframes, shows the plans,
+// and after a yes (or --yes) copies them without re-encoding.
+int runCut(const CutRequest& request);
+
 struct ExtractAudioRequest {
     std::string codec = "aac";
     std::vector<std::filesystem::path> files;

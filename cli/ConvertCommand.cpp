@@ -4,9 +4,9 @@
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
 #include "cli/Interruption.hpp"
+#include "cli/JobRunner.hpp"
 #include "cli/PresetCatalog.hpp"
 #include "cli/PresetGate.hpp"
-#include "cli/ToolLookup.hpp"
 #include "engine/job/ConversionJob.hpp"
 
 namespace tessarin::cli {
@@ -15,62 +15,17 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool outputFolderIsUsable(const std::optional<fs::path>& folder) {
-    if (folder && !fs::is_directory(*folder)) {
-        std::cerr << "tessarin: the output folder does not exist or is not a folder.\n";
-        return false;
-    }
-    return true;
-}
-
-// Runs the jobs one at a time. Stops at the first cancellation.
-int runJobs(const std::vector<PlannedJob>& jobs, const engine::Tools& tools, const PresetGate& gate,
-            const std::optional<fs::path>& outputDirectory, bool json, Interruption& interruption) {
-    EventSink sink(json);
-    bool anyFailed = false;
-    for (const PlannedJob& planned : jobs) {
-        if (interruption.interrupted()) {
-            break;
-        }
-        sink.start(planned.source, planned.label);
-        auto job = std::make_shared<engine::ConversionJob>(
-            fs::absolute(planned.source), planned.task, tools,
-            engine::MediaInputPolicy::unrestricted, gate.policyFor(planned.task), outputDirectory,
-            gate.hardwareFor(planned.task));
-        interruption.watch(job);
-        try {
-            engine::ConversionJob::Callbacks callbacks;
-            callbacks.onWarning = [&](const std::string& text) { sink.warning(text); };
-            callbacks.onProgress = [&](std::optional<double> fraction) { sink.progress(fraction); };
-            sink.done(job->run(callbacks));
-        } catch (const engine::JobFailure& failure) {
-            if (failure.wasCancelled) {
-                sink.cancelled();
-                break;
-            }
-            anyFailed = true;
-            sink.failed(failure.step, failure.stderrTail, failure.exitCode);
-        }
-    }
-    if (interruption.interrupted()) {
-        return kExitCancelled;
-    }
-    return anyFailed ? kExitFailure : kExitSuccess;
-}
-
 // The checks every command makes before its first job, then the jobs. `preset`, when given, must
 // be able to run here.
 int runPlanned(const std::vector<PlannedJob>& jobs, const engine::Preset* preset,
                const std::optional<fs::path>& outputDirectory, bool json,
                Interruption& interruption) {
-    if (!outputFolderIsUsable(outputDirectory)) {
-        return kExitUsage;
+    const Preflight checked = preflight(outputDirectory);
+    if (!checked.tools) {
+        return checked.status;
     }
-    const std::optional<engine::Tools> tools = locateTools();
-    if (!tools) {
-        return kExitToolsMissing;
-    }
-    const PresetGate gate(*tools);
+    const engine::Tools& tools = *checked.tools;
+    const PresetGate gate(tools);
     if (preset != nullptr) {
         if (const auto reason = gate.disabledReason(*preset)) {
             std::cerr << "tessarin: the preset \"" << preset->id << "\" can't run here: " << *reason
@@ -78,7 +33,9 @@ int runPlanned(const std::vector<PlannedJob>& jobs, const engine::Preset* preset
             return kExitFailure;
         }
     }
-    return runJobs(jobs, *tools, gate, outputDirectory, json, interruption);
+    EventSink sink(json);
+    return runWork(jobItems(jobs, {tools, gate, outputDirectory, interruption}), sink,
+                   interruption);
 }
 
 }  // namespace

@@ -100,4 +100,42 @@ void EventSink::cancelled() {
     std::cerr << "tessarin: " << file_.string() << ": cancelled; nothing was saved.\n";
 }
 
+void EventSink::plan(const std::filesystem::path& file, const std::string& part,
+                     const engine::FastCut::Plan& plan) {
+    const std::string text = engine::FastCut::summary(plan);
+    if (json_) {
+        nlohmann::json event{{"event", "plan"},
+                             {"file", file.string()},
+                             {"text", text},
+                             {"start", plan.start},
+                             {"end", plan.end},
+                             {"requestedStart", plan.requestedStart},
+                             {"requestedEnd", plan.requestedEnd}};
+        if (!part.empty()) {
+            event["part"] = part;
+        }
+        emit(event.dump());
+        return;
+    }
+    // One paragraph per cut, so that several read apart.
+    std::cerr << file.string();
+    if (!part.empty()) {
+        std::cerr << " (" << part << ")";
+    }
+    std::cerr << ": " << text << "\n\n";
+}
+
+void EventSink::refused(const std::filesystem::path& file, const std::string& step,
+                        const std::string& text) {
+    file_ = file;
+    bar_.reset();
+    failed(step, text, std::nullopt);
+}
+
+void EventSink::interrupted(const std::filesystem::path& file) {
+    file_ = file;
+    bar_.reset();
+    cancelled();
+}
+
 }  // namespace tessarin::cli

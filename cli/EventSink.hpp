@@ -9,6 +9,7 @@
 #include <string>
 
 #include "cli/ProgressLine.hpp"
+#include "engine/clips/FastCut.hpp"
 
 namespace tessarin::cli {
 
@@ -24,6 +25,15 @@ public:
     void done(const std::filesystem::path& published);
     void failed(const std::string& step, const std::string& text, std::optional<int32_t> exitCode);
     void cancelled();
+
+    // Before any job starts: the review of a planned cut (`part` names a segment's cut, empty
+    // for a whole --trim), a file refused while planning, and a file whose planning was
+    // interrupted.
+    void plan(const std::filesystem::path& file, const std::string& part,
+              const engine::FastCut::Plan& plan);
+    void refused(const std::filesystem::path& file, const std::string& step,
+                 const std::string& text);
+    void interrupted(const std::filesystem::path& file);
 
 private:
     void emit(const std::string& line);

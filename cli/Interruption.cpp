@@ -2,6 +2,11 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <system_error>
 
 namespace tessarin::cli {
 
@@ -17,9 +22,23 @@ sigset_t watchedSignals() {
     return set;
 }
 
+// Weak, so that a finished job or runner is not kept alive by the watcher.
+template <typename Target>
+std::function<void()> cancelling(const std::shared_ptr<Target>& target) {
+    return [weak = std::weak_ptr<Target>(target)] {
+        if (const std::shared_ptr<Target> alive = weak.lock()) {
+            alive->cancel(engine::ConversionJob::kUserCancelGrace);
+        }
+    };
+}
+
 }  // namespace
 
 Interruption::Interruption() {
+    signalled_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (signalled_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
     const sigset_t set = watchedSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     watcher_ = std::thread([this] { waitForSignals(); });
@@ -28,15 +47,24 @@ Interruption::Interruption() {
 Interruption::~Interruption() {
     pthread_kill(watcher_.native_handle(), SIGUSR1);
     watcher_.join();
+    ::close(signalled_);
 }
 
 void Interruption::watch(const std::shared_ptr<engine::ConversionJob>& job) {
+    install(cancelling(job));
+}
+
+void Interruption::watch(const std::shared_ptr<engine::ProcessRunner>& runner) {
+    install(cancelling(runner));
+}
+
+void Interruption::install(std::function<void()> cancel) {
     {
         const std::lock_guard lock(mutex_);
-        current_ = job;
+        cancelCurrent_ = cancel;
     }
     if (interrupted_.load()) {
-        job->cancel(engine::ConversionJob::kUserCancelGrace);
+        cancel();
     }
 }
 
@@ -48,13 +76,15 @@ void Interruption::waitForSignals() {
             return;
         }
         interrupted_.store(true);
-        std::shared_ptr<engine::ConversionJob> job;
+        const uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = ::write(signalled_, &one, sizeof one);
+        std::function<void()> cancel;
         {
             const std::lock_guard lock(mutex_);
-            job = current_.lock();
+            cancel = cancelCurrent_;
         }
-        if (job) {
-            job->cancel(engine::ConversionJob::kUserCancelGrace);
+        if (cancel) {
+            cancel();
         }
     }
 }

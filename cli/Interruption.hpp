@@ -1,12 +1,15 @@
-// Turns Ctrl-C and SIGTERM into a cancel of the job that is running, with the user grace.
+// Turns Ctrl-C and SIGTERM into a cancel of the job or tool run that is running, with the user
+// grace.
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
 
 #include "engine/job/ConversionJob.hpp"
+#include "engine/process/ProcessRunner.hpp"
 
 namespace tessarin::cli {
 
@@ -22,15 +25,23 @@ public:
     // The job a signal cancels; a job that arrives after the signal is cancelled at once, so
     // nothing starts after Ctrl-C.
     void watch(const std::shared_ptr<engine::ConversionJob>& job);
+    // The same for a tool run outside a job (a probe, a plan, the copy that joins cuts).
+    void watch(const std::shared_ptr<engine::ProcessRunner>& runner);
 
     [[nodiscard]] bool interrupted() const { return interrupted_.load(); }
 
+    // A descriptor that becomes readable once a signal has arrived, so that a blocking wait
+    // (a question on the terminal) can end on Ctrl-C too. Owned by this object.
+    [[nodiscard]] int descriptor() const { return signalled_; }
+
 private:
+    void install(std::function<void()> cancel);
     void waitForSignals();
 
     std::atomic<bool> interrupted_{false};
+    int signalled_ = -1;  // an eventfd, written once per signal
     std::mutex mutex_;
-    std::weak_ptr<engine::ConversionJob> current_;  // guarded by mutex_
+    std::function<void()> cancelCurrent_;  // guarded by mutex_; holds its target weakly
     std::thread watcher_;
 };
 

@@ -8,6 +8,25 @@ namespace {
 
 using engine::ClipSelection;
 
+std::vector<engine::Trim> trimsOf(const std::vector<ClipSelection>& clips) {
+    std::vector<engine::Trim> trims;
+    for (const ClipSelection& clip : clips) {
+        trims.push_back(clip.trim());
+    }
+    return trims;
+}
+
+}  // namespace
+
+void checkRangeOptions(const RangeOptions& ranges) {
+    if (ranges.trim && !ranges.segments.empty()) {
+        throw UsageError("Use either --trim or --segment, not both.");
+    }
+    if (ranges.join && ranges.segments.empty()) {
+        throw UsageError("--join needs at least one --segment.");
+    }
+}
+
 // --trim takes the --segment form without a name.
 engine::Trim parseTrim(const std::string& text) {
     try {
@@ -40,25 +59,10 @@ std::vector<ClipSelection> parseSegments(const std::vector<std::string>& segment
     return clips;
 }
 
-std::vector<engine::Trim> trimsOf(const std::vector<ClipSelection>& clips) {
-    std::vector<engine::Trim> trims;
-    for (const ClipSelection& clip : clips) {
-        trims.push_back(clip.trim());
-    }
-    return trims;
-}
-
-}  // namespace
-
 std::vector<PlannedJob> planConversions(const engine::Preset& preset,
                                         const std::vector<std::filesystem::path>& files,
                                         const RangeOptions& ranges) {
-    if (ranges.trim && !ranges.segments.empty()) {
-        throw UsageError("Use either --trim or --segment, not both.");
-    }
-    if (ranges.join && ranges.segments.empty()) {
-        throw UsageError("--join needs at least one --segment.");
-    }
+    checkRangeOptions(ranges);
     if (ranges.join && *ranges.join != "keep" && *ranges.join != "remove") {
         throw UsageError("--join takes keep or remove.");
     }

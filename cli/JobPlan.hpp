@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "engine/clips/ClipSelection.hpp"
+#include "engine/clips/FastCut.hpp"
 #include "engine/model/MediaTask.hpp"
 
 namespace tessarin::cli {
@@ -21,6 +23,7 @@ struct PlannedJob {
     std::filesystem::path source;
     engine::MediaTask task;
     std::string label;  // what the job does, for progress and events ("mp4-h264", "clip 2")
+    std::optional<engine::FastCut::Plan> fastCutPlan = std::nullopt;  // a fastCut task's plan
 };
 
 struct RangeOptions {
@@ -28,6 +31,17 @@ struct RangeOptions {
     std::vector<std::string> segments;  // START,END[,NAME] each
     std::optional<std::string> join;    // "keep" or "remove"
 };
+
+// The rules every command with ranges follows: --trim or --segment, not both, and --join only
+// with segments. Throws UsageError; which --join values are offered is the command's own rule.
+void checkRangeOptions(const RangeOptions& ranges);
+
+// --trim's range. Throws UsageError.
+[[nodiscard]] engine::Trim parseTrim(const std::string& text);
+
+// The clips of the --segment values, in the order given. Throws UsageError.
+[[nodiscard]] std::vector<engine::ClipSelection> parseSegments(
+    const std::vector<std::string>& segments);
 
 // Jobs for a preset: the whole file, its --trim, one job per --segment, or one joined job.
 // Throws UsageError for unknown ids and ranges the clip rules refuse.

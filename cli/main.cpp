@@ -9,8 +9,31 @@ namespace {
 
 constexpr const char* kExitStatusHelp =
     "Exit status: 0 all done, 1 a file failed, 2 bad command line, 3 ffmpeg/ffprobe/gifsicle "
-    "not found, 130 cancelled.\nThe tools are taken from CONVERTER_TOOLS_DIR when it is set, "
-    "otherwise from the helper folder beside this program (../libexec/tessarin).";
+    "not found, 4 cuts planned but not confirmed (nothing written), 130 cancelled.\n"
+    "The tools are taken from CONVERTER_TOOLS_DIR when it is set, otherwise from the helper "
+    "folder beside this program (../libexec/tessarin).";
+
+// --trim, --segment and --join, shared by the commands that take ranges. Returns --join.
+CLI::Option* addRangeOptions(CLI::App& command, tessarin::cli::RangeOptions& ranges,
+                             const std::string& verb, const std::string& joinHelp) {
+    command.add_option("--trim", ranges.trim,
+                       "START,END: " + verb + " only this range (either side may be empty)");
+    command
+        .add_option("--segment", ranges.segments,
+                    "START,END[,NAME]: a clip; repeat for several (one file each)")
+        ->allow_extra_args(false);
+    return command.add_option("--join", ranges.join, joinHelp);
+}
+
+// --output-dir, --json and the files, last on every converting command.
+void addOutputOptions(CLI::App& command, std::optional<std::filesystem::path>& outputDirectory,
+                      bool& json, std::vector<std::filesystem::path>& files,
+                      const std::string& filesHelp) {
+    command.add_option("--output-dir", outputDirectory,
+                       "Folder for the results (default: beside each original)");
+    command.add_flag("--json", json, "One JSON object per event on stdout");
+    command.add_option("FILE", files, filesHelp)->required();
+}
 
 }  // namespace
 
@@ -43,20 +66,20 @@ int main(int argc, char** argv) {
         app.add_subcommand("convert", "Convert files with a preset, one at a time");
     convertCommand->add_option("--preset", convert.presetId, "Preset id (see `tessarin presets`)")
         ->required();
-    convertCommand->add_option("--trim", convert.ranges.trim,
-                               "START,END: convert only this range (either side may be empty)");
-    convertCommand
-        ->add_option("--segment", convert.ranges.segments,
-                     "START,END[,NAME]: a clip; repeat for several (one file each)")
-        ->allow_extra_args(false);
-    convertCommand
-        ->add_option("--join", convert.ranges.join,
-                     "keep: join the segments into one file; remove: cut them out")
+    addRangeOptions(*convertCommand, convert.ranges, "convert",
+                    "keep: join the segments into one file; remove: cut them out")
         ->check(CLI::IsMember({"keep", "remove"}));
-    convertCommand->add_option("--output-dir", convert.outputDirectory,
-                               "Folder for the results (default: beside each original)");
-    convertCommand->add_flag("--json", convert.json, "One JSON object per event on stdout");
-    convertCommand->add_option("FILE", convert.files, "Files to convert")->required();
+    addOutputOptions(*convertCommand, convert.outputDirectory, convert.json, convert.files,
+                     "Files to convert");
+
+    CutRequest cut;
+    CLI::App* cutCommand = app.add_subcommand(
+        "cut", "Cut without re-encoding, on keyframes: plan, review, then export");
+    // Any --join value reaches the command, which explains why only keep is offered.
+    addRangeOptions(*cutCommand, cut.ranges, "cut",
+                    "keep: the segments one after another in one file");
+    cutCommand->add_flag("--yes", cut.yes, "Export the plans without asking");
+    addOutputOptions(*cutCommand, cut.outputDirectory, cut.json, cut.files, "Files to cut");
 
     ExtractAudioRequest extract;
     CLI::App* extractCommand = app.add_subcommand(
@@ -64,10 +87,8 @@ int main(int argc, char** argv) {
     extractCommand->add_option("--codec", extract.codec, "aac (M4A, default), wav or flac")
         ->check(CLI::IsMember({"aac", "wav", "flac"}));
     extractCommand->add_option("--trim", extract.trim, "START,END: extract only this range");
-    extractCommand->add_option("--output-dir", extract.outputDirectory,
-                               "Folder for the results (default: beside each original)");
-    extractCommand->add_flag("--json", extract.json, "One JSON object per event on stdout");
-    extractCommand->add_option("FILE", extract.files, "Files to read")->required();
+    addOutputOptions(*extractCommand, extract.outputDirectory, extract.json, extract.files,
+                     "Files to read");
 
     try {
         app.parse(argc, argv);
@@ -89,6 +110,9 @@ int main(int argc, char** argv) {
     }
     if (*convertCommand) {
         return runConvert(convert);
+    }
+    if (*cutCommand) {
+        return runCut(cut);
     }
     return runExtractAudio(extract);
 }

@@ -3,22 +3,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <thread>
 
-#include "engine/probe/MediaProbe.hpp"
 #include "engine/process/ProcessRunner.hpp"
+#include "tests/cli/CliTestSupport.hpp"
 #include "tests/support/FakeTools.hpp"
 #include "tests/support/TestMedia.hpp"
-
-extern char** environ;
 
 namespace tessarin::cli {
 namespace {
@@ -26,61 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::TestClip;
 using ::testing::HasSubstr;
-
-const fs::path kTool = fs::path(TESSARIN_BIN_DIR) / "tessarin";
-
-struct ToolRun {
-    int exitCode;
-    std::string out;
-    std::string err;
-};
-
-// Runs the tool with its own environment plus `extra`, capturing both streams.
-ToolRun runTool(const std::vector<std::string>& arguments,
-                const engine::ProcessRunner::Environment& extra = {}) {
-    engine::ProcessRunner::Environment environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        const std::string text = *entry;
-        const auto equals = text.find('=');
-        environment[text.substr(0, equals)] = text.substr(equals + 1);
-    }
-    // Never the real user's settings: a private configuration folder unless a test names one.
-    static const test::TempDir kConfigHome;
-    environment["XDG_CONFIG_HOME"] = kConfigHome.path().string();
-    for (const auto& [key, value] : extra) {
-        environment[key] = value;
-    }
-    engine::ProcessRunner runner;
-    ToolRun run{0, "", ""};
-    engine::ProcessRunner::RawOptions options;
-    options.timeout = 120;
-    options.environment = environment;
-    options.stdoutHandler = [&](std::string_view chunk) { run.out += chunk; };
-    options.stderrHandler = [&](std::string_view chunk) { run.err += chunk; };
-    run.exitCode = runner.runRaw(kTool, arguments, options).exitCode;
-    return run;
-}
-
-fs::path copyInto(const fs::path& folder, const fs::path& file, const std::string& name) {
-    const fs::path target = folder / name;
-    fs::copy_file(file, target);
-    return target;
-}
-
-std::vector<std::string> namesIn(const fs::path& folder) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-engine::MediaInfo probe(const fs::path& file) {
-    engine::ProcessRunner runner;
-    return engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
-                                     engine::MediaInputPolicy::unrestricted, runner);
-}
 
 TEST(CliProbe, PrintsTheFactsOfAClipAsJson) {
     const ToolRun run = runTool({"probe", test::testClip(TestClip::chapters).string()});
@@ -105,7 +46,7 @@ TEST(CliProbe, ReportsFailuresWithTheirExitStatus) {
 
     // An empty tool folder and no helper folder beside a copied program: nothing is found.
     fs::create_directories(folder / "bin");
-    fs::copy_file(kTool, folder / "bin" / "tessarin");
+    fs::copy_file(toolPath(), folder / "bin" / "tessarin");
     engine::ProcessRunner runner;
     engine::ProcessRunner::RawOptions options;
     std::string err;
@@ -203,29 +144,13 @@ class RunningConvert {
 public:
     explicit RunningConvert(const fs::path& source) {
         copy_ = copyInto(folder_.path(), source, "long.mp4");
-        std::vector<std::string> environment = {
+        const std::vector<std::string> environment = {
             "TMPDIR=" + workRoot_.path().string(), "PATH=/usr/bin:/bin",
             "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
-        std::vector<char*> envp;
-        for (auto& entry : environment) {
-            envp.push_back(entry.data());
-        }
-        envp.push_back(nullptr);
-        std::vector<std::string> arguments = {kTool.string(), "convert", "--json",
-                                              "--preset",     "mp4-av1", copy_.string()};
-        std::vector<char*> argv;
-        for (auto& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
         int events[2];
         EXPECT_EQ(pipe2(events, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, events[1], STDOUT_FILENO);
-        EXPECT_EQ(posix_spawn(&pid_, kTool.c_str(), &actions, nullptr, argv.data(), envp.data()),
-                  0);
-        posix_spawn_file_actions_destroy(&actions);
+        pid_ = spawnTool({"convert", "--json", "--preset", "mp4-av1", copy_.string()}, environment,
+                         {.out = events[1]});
         close(events[1]);
         events_ = fdopen(events[0], "r");
     }
@@ -313,15 +238,6 @@ TEST(CliConvert, KilledToolTakesItsEncoderWithIt) {
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
     EXPECT_TRUE(test::waitUntilGone(encoder, std::chrono::seconds(1)));
     EXPECT_THAT(namesIn(convert.folder()), ::testing::Contains("long.mp4"));
-}
-
-std::vector<nlohmann::json> jsonEvents(const std::string& out) {
-    std::vector<nlohmann::json> events;
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-        events.push_back(nlohmann::json::parse(line));  // throws, failing the test, on a bad line
-    }
-    return events;
 }
 
 TEST(CliConvert, JsonEventsTrimSegmentsAndJoins) {

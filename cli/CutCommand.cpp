@@ -1,0 +1,254 @@
+#include <iostream>
+#include <memory>
+
+#include "cli/Commands.hpp"
+#include "cli/Confirmation.hpp"
+#include "cli/CutJoin.hpp"
+#include "cli/EventSink.hpp"
+#include "cli/ExitStatus.hpp"
+#include "cli/Interruption.hpp"
+#include "cli/JobRunner.hpp"
+#include "cli/PresetGate.hpp"
+#include "engine/clips/ClipSelection.hpp"
+#include "engine/clips/FastCut.hpp"
+#include "engine/clips/KeyframeProbe.hpp"
+#include "engine/probe/MediaProbe.hpp"
+
+namespace tessarin::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+using engine::ClipSelection;
+using engine::FastCut;
+
+constexpr const char* kNeedsConfirmation =
+    "tessarin: nothing was exported; review the plans above and run again with --yes to export "
+    "them.\n";
+constexpr const char* kDeclined = "tessarin: nothing was exported.\n";
+
+// The command line's ranges, checked once for every file.
+struct CutRanges {
+    std::optional<engine::Trim> trim;
+    std::vector<ClipSelection> segments;
+    bool joined = false;
+};
+
+CutRanges parseRanges(const RangeOptions& options) {
+    checkRangeOptions(options);
+    if (options.join && *options.join != "keep") {
+        throw UsageError(
+            "A cut can only keep segments (--join keep); `tessarin convert --join remove` takes "
+            "ranges out.");
+    }
+    if (!options.trim && options.segments.empty()) {
+        throw UsageError("A cut needs --trim or --segment.");
+    }
+    CutRanges ranges;
+    if (options.trim) {
+        ranges.trim = parseTrim(*options.trim);
+    }
+    ranges.segments = parseSegments(options.segments);
+    ranges.joined = options.join.has_value();
+    return ranges;
+}
+
+// The cuts of one file, planned and shown for review: one output each, or one joined output.
+struct FileCuts {
+    fs::path source;
+    std::vector<PlannedJob> cuts;
+    bool joined = false;
+};
+
+// Plans cuts of one file at a time and shows each plan. Every tool run can be interrupted.
+class Planner {
+public:
+    Planner(const engine::Tools& tools, Interruption& interruption, EventSink& sink)
+        : tools_(tools), interruption_(interruption), sink_(sink) {}
+
+    // Throws what probing and planning throw: MediaProbeError, FastCut::Failure,
+    // KeyframeProbe::Failure, ClipSelection::Invalid.
+    FileCuts planFile(const fs::path& source, const CutRanges& ranges) {
+        source_ = fs::absolute(source);
+        info_ = probe();
+        FileCuts file{source, {}, ranges.joined};
+        if (ranges.trim) {
+            file.cuts.push_back(cut(source, engine::MediaTask::fastCut(*ranges.trim), "cut", {}));
+        } else if (!ranges.joined) {
+            for (std::size_t index = 0; index < ranges.segments.size(); ++index) {
+                const std::string part = "clip " + std::to_string(index + 1);
+                file.cuts.push_back(cut(source,
+                                        engine::taskForClip(engine::MediaTask::fastCut({}),
+                                                            ranges.segments[index], index),
+                                        "cut " + part, part));
+            }
+        } else {
+            file.cuts = joinedPieces(source, ranges.segments);
+        }
+        return file;
+    }
+
+private:
+    engine::MediaInfo probe() {
+        auto runner = std::make_shared<engine::ProcessRunner>();
+        interruption_.watch(runner);
+        // Chapters too, so that the plan can count the ones a cut leaves out.
+        return engine::MediaProbe::probe(source_, tools_, engine::MediaInputPolicy::unrestricted,
+                                         *runner, engine::MediaProbe::kTimeoutSeconds,
+                                         /*includeChapters=*/true);
+    }
+
+    FastCut::Plan plan(const engine::Trim& trim) {
+        return FastCut::plan(
+            source_, trim, info_, tools_,
+            [this](std::shared_ptr<engine::ProcessRunner> runner) { interruption_.watch(runner); });
+    }
+
+    PlannedJob cut(const fs::path& source, const engine::MediaTask& task, const std::string& label,
+                   const std::string& part) {
+        const FastCut::Plan planned = plan(std::get<engine::MediaTask::FastCut>(task.kind).trim);
+        sink_.plan(source, part, planned);
+        return {source, task, label, planned};
+    }
+
+    // The segments sorted and merged as a convert join keeps them, each planned; ranges whose
+    // plans meet once moved to keyframes are planned again as one, which gives the same
+    // boundaries because moving outward keeps the order, and leaves no piece twice in the file.
+    std::vector<PlannedJob> joinedPieces(const fs::path& source,
+                                         const std::vector<ClipSelection>& segments) {
+        std::vector<std::pair<engine::Trim, FastCut::Plan>> pieces;
+        for (const engine::Trim& range : ClipSelection::join(segments, info_.durationSeconds,
+                                                             /*removing=*/false)) {
+            FastCut::Plan planned = plan(range);
+            if (!pieces.empty() && planned.start <= pieces.back().second.end) {
+                const engine::Trim merged{pieces.back().first.start, range.end};
+                pieces.back() = {merged, plan(merged)};
+            } else {
+                pieces.emplace_back(range, std::move(planned));
+            }
+        }
+        std::vector<PlannedJob> cuts;
+        for (std::size_t index = 0; index < pieces.size(); ++index) {
+            const std::string part = "part " + std::to_string(index + 1);
+            sink_.plan(source, part, pieces[index].second);
+            cuts.push_back({source, engine::MediaTask::fastCut(pieces[index].first), "cut " + part,
+                            pieces[index].second});
+        }
+        return cuts;
+    }
+
+    const engine::Tools& tools_;
+    Interruption& interruption_;
+    EventSink& sink_;
+    fs::path source_;
+    engine::MediaInfo info_;
+};
+
+std::size_t outputCount(const std::vector<FileCuts>& files) {
+    std::size_t count = 0;
+    for (const FileCuts& file : files) {
+        count += file.joined ? 1 : file.cuts.size();
+    }
+    return count;
+}
+
+std::vector<WorkItem> workItems(const std::vector<FileCuts>& files, const JobContext& context) {
+    std::vector<WorkItem> items;
+    for (const FileCuts& file : files) {
+        if (file.joined) {
+            items.push_back({file.source, "cut join",
+                             [file, context](const engine::ConversionJob::Callbacks& callbacks) {
+                                 return joinCuts(file.source, file.cuts, context, callbacks);
+                             }});
+        } else {
+            for (WorkItem& item : jobItems(file.cuts, context)) {
+                items.push_back(std::move(item));
+            }
+        }
+    }
+    return items;
+}
+
+// Nothing when the export may go ahead, otherwise the exit status.
+std::optional<int> confirmation(std::size_t count, bool yes, const Interruption& interruption) {
+    if (yes) {
+        return std::nullopt;
+    }
+    if (!canAsk()) {
+        std::cerr << kNeedsConfirmation;
+        return kExitNeedsConfirmation;
+    }
+    const std::string question =
+        "Export " + std::to_string(count) + (count == 1 ? " cut? [y/N] " : " cuts? [y/N] ");
+    switch (ask(question, interruption)) {
+        case Answer::yes:
+            return std::nullopt;
+        case Answer::interrupted:
+            return kExitCancelled;
+        case Answer::no:
+            break;
+    }
+    std::cerr << kDeclined;
+    return kExitNeedsConfirmation;
+}
+
+}  // namespace
+
+int runCut(const CutRequest& request) {
+    Interruption interruption;  // first, so every later thread has the signals blocked
+
+    CutRanges ranges;
+    try {
+        ranges = parseRanges(request.ranges);
+    } catch (const UsageError& error) {
+        std::cerr << "tessarin: " << error.what() << "\n";
+        return kExitUsage;
+    }
+    const Preflight checked = preflight(request.outputDirectory);
+    if (!checked.tools) {
+        return checked.status;
+    }
+    const engine::Tools& tools = *checked.tools;
+
+    EventSink sink(request.json);
+    Planner planner(tools, interruption, sink);
+    std::vector<FileCuts> planned;
+    bool anyRefused = false;
+    for (const fs::path& file : request.files) {
+        std::string refusal;
+        try {
+            planned.push_back(planner.planFile(file, ranges));
+            continue;
+        } catch (const engine::MediaProbeError& error) {
+            refusal = error.what();
+        } catch (const FastCut::Failure& failure) {
+            refusal = failure.what();
+        } catch (const engine::KeyframeProbe::Failure& failure) {
+            refusal = failure.what();
+        } catch (const ClipSelection::Invalid& invalid) {
+            refusal = invalid.what();
+        }
+        // A tool run stopped by Ctrl-C fails too; that is a cancel, not the file's fault.
+        if (interruption.interrupted()) {
+            sink.interrupted(file);
+            return kExitCancelled;
+        }
+        sink.refused(file, "cut", refusal);
+        anyRefused = true;
+    }
+    if (planned.empty()) {
+        return kExitFailure;
+    }
+    if (const std::optional<int> status =
+            confirmation(outputCount(planned), request.yes, interruption)) {
+        return *status;
+    }
+
+    const PresetGate gate(tools);  // fast cuts need no encoder, so it never probes
+    const int status =
+        runWork(workItems(planned, {tools, gate, request.outputDirectory, interruption}), sink,
+                interruption);
+    return status == kExitSuccess && anyRefused ? kExitFailure : status;
+}
+
+}  // namespace tessarin::cli
