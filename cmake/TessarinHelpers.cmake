@@ -1,12 +1,25 @@
 # One helper per kind of target, so warnings, sanitizers and include paths are set once.
 
-# GCC 12 reports maybe-uninitialized falsely for std::optional of scalars at -O2.
-set(TESSARIN_WARNINGS -Wall -Wextra -Wpedantic -Wno-maybe-uninitialized)
+set(TESSARIN_WARNINGS -Wall -Wextra -Wpedantic)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC 12 reports maybe-uninitialized falsely for std::optional of scalars at -O2.
+  list(APPEND TESSARIN_WARNINGS -Wno-maybe-uninitialized)
+endif()
 if(TESSARIN_WERROR)
   list(APPEND TESSARIN_WARNINGS -Werror)
 endif()
 
-if(TESSARIN_SANITIZE STREQUAL "address")
+if(TESSARIN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "TESSARIN_FUZZ needs clang (-DCMAKE_CXX_COMPILER=clang++) for libFuzzer")
+  endif()
+  if(NOT TESSARIN_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "TESSARIN_FUZZ brings its own sanitizers; leave TESSARIN_SANITIZE empty")
+  endif()
+  # The libraries get coverage instrumentation without libFuzzer's main; the targets add it.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+elseif(TESSARIN_SANITIZE STREQUAL "address")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 elseif(TESSARIN_SANITIZE STREQUAL "thread")
@@ -80,6 +93,21 @@ function(tessarin_add_bench name)
   add_executable(${name} ${ARG_SOURCES})
   _tessarin_common(${name})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} benchmark::benchmark)
+endfunction()
+
+# tessarin_add_fuzzer(NAME SOURCES ... DEPS ...)
+# A libFuzzer target; `tessarin_fuzzers` builds them all and nothing else.
+function(tessarin_add_fuzzer name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  _tessarin_common(${name})
+  target_compile_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
+  target_link_options(${name} PRIVATE -fsanitize=fuzzer,address,undefined)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+  if(NOT TARGET tessarin_fuzzers)
+    add_custom_target(tessarin_fuzzers)
+  endif()
+  add_dependencies(tessarin_fuzzers ${name})
 endfunction()
 
 # Places links to the distribution's ffmpeg, ffprobe and gifsicle in the helper folder,

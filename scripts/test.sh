@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The whole test suite: every test under AddressSanitizer + UndefinedBehaviorSanitizer (warnings
-# as errors), then the concurrency tests again under ThreadSanitizer.
+# as errors), then the concurrency tests again under ThreadSanitizer, then each fuzz target for a
+# short run.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 start=$SECONDS
@@ -19,5 +20,8 @@ echo "== concurrency tests (TSan)"
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 setarch "$(uname -m)" -R ctest --test-dir "$root/build/tsan" -L concurrency -j2 \
   --output-on-failure --timeout 180 </dev/null
+
+echo "== fuzz targets (20 s each)"
+"$root/scripts/fuzz.sh" 20
 
 echo "== all tests passed in $((SECONDS - start)) s"

@@ -332,6 +332,10 @@ MediaInfo MediaProbe::probe(const std::filesystem::path& source, const Tools& to
 }
 
 MediaInfo MediaProbe::decode(std::string_view bytes) {
+    // The parser stops at a NUL byte as if the input ended there; JSON never holds a raw one.
+    if (bytes.find('\0') != std::string_view::npos) {
+        throw MediaProbeError(MediaProbeError::Kind::unparseableOutput);
+    }
     const json document = json::parse(bytes, nullptr, /*allow_exceptions=*/false);
     if (document.is_discarded()) {
         throw MediaProbeError(MediaProbeError::Kind::unparseableOutput);

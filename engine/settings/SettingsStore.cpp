@@ -73,6 +73,12 @@ std::optional<fs::path> homeFolder() {
 namespace settings_internal {
 
 bool parseJsonText(std::string_view text, int maxDepth, json& value, std::string& reason) {
+    // The parser takes a NUL byte for the end of the input and would accept whatever came before
+    // it; JSON has no raw NUL anywhere, so such text is not JSON.
+    if (text.find('\0') != std::string_view::npos) {
+        reason = "parse";
+        return false;
+    }
     // Measure nesting before parsing, outside strings, so that hostile nesting never reaches
     // code that recurses. Malformed text may be misjudged here; the parser rejects it anyway.
     int depth = 0;
@@ -221,7 +227,11 @@ void SettingsStore::update(const std::function<void(json& object)>& change) {
     if (!object.is_object()) {
         throw std::invalid_argument("a settings change must leave a JSON object");
     }
-    const bool unchanged = (read.state == ReadResult::State::valid && object == read.object) ||
+    // JSON's == calls 1 and 1.0 (or 0.0 and -0.0) equal, yet they are written and read back as
+    // different values: only the same text counts as unchanged. Equal values hold the file's
+    // strings, which are UTF-8, so dumping them cannot throw.
+    const bool unchanged = (read.state == ReadResult::State::valid && object == read.object &&
+                            object.dump() == read.object.dump()) ||
                            (read.state == ReadResult::State::missing && object.empty());
     if (unchanged) {
         install(std::move(object));

@@ -62,6 +62,12 @@ TEST(PresetResolverLoad, NothingStoredGivesTheBuiltinTable) {
         EXPECT_TRUE(std::equal(effective.begin(), effective.end(), Preset::builtins().begin(),
                                Preset::builtins().end()));
     }
+
+    // The JSON reader stops at a NUL byte: collections followed by one and more text are not JSON.
+    const PresetResolver cut =
+        loadTexts(std::string("{\"mp4-h264\": {}}\0x", 18), std::string("[{}]\0x", 6));
+    EXPECT_THAT(cut.overrides, IsEmpty());
+    EXPECT_THAT(cut.customs, IsEmpty());
 }
 
 TEST(PresetResolverLoad, OverridesApplyToBuiltinsInShippedOrder) {

@@ -254,6 +254,10 @@ TEST(MediaProbe, RefusesWhatIsNotAnFfprobeDocument) {
                   MediaProbeError::Kind::unparseableOutput)
             << text;
     }
+    // The JSON reader takes a NUL byte for the end of the input: ffprobe's empty document
+    // followed by NULs is not a document either.
+    EXPECT_EQ(errorKind([] { (void)MediaProbe::decode(std::string_view("{\n\n}\n\0\0", 7)); }),
+              MediaProbeError::Kind::unparseableOutput);
 }
 
 TEST(MediaProbe, MapsToolFailures) {

@@ -187,6 +187,16 @@ TEST_F(SettingsTest, ChangesThatChangeNothingCreateNothing) {
     EXPECT_EQ(after.st_ino, before.st_ino);
 }
 
+// JSON's own comparison calls 1.0 and 1 equal, but they are written and read as different values.
+TEST_F(SettingsTest, ANumberWrittenAsTheOtherKindOfNumberReachesTheFile) {
+    fs::create_directories(configFolder_);
+    writeFile(settingsFile_, "{\"count\": 1.0}\n");
+    SettingsStore store(settingsFile_);
+    store.setInteger("count", 1);
+    EXPECT_EQ(store.integerValue("count"), 1);
+    EXPECT_EQ(SettingsStore(settingsFile_).integerValue("count"), 1);
+}
+
 TEST_F(SettingsTest, NewFilesArePrivateAndRewritesKeepTheMode) {
     SettingsStore store(settingsFile_);
     store.setBool("a", true);
@@ -262,6 +272,8 @@ INSTANTIATE_TEST_SUITE_P(
                       CorruptCase{"NotUtf8", "{\"old\": \"caf\xe9\"}", "parse"},
                       CorruptCase{"NotUtf8Key", "{\"\xff\": 1}", "parse"},
                       CorruptCase{"TrailingGarbage", R"({"old": 1} x)", "parse"},
+                      // The JSON reader stops at a NUL byte; what follows must still count.
+                      CorruptCase{"NulThenGarbage", std::string("{\"old\": 1}\0x", 12), "parse"},
                       CorruptCase{"DeeplyNested", "{\"a\":" + std::string(100'000, '[') + "}",
                                   "too-deep"}),
     [](const ::testing::TestParamInfo<CorruptCase>& info) { return info.param.name; });
