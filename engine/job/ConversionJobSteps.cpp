@@ -13,7 +13,7 @@
 #include "engine/ffmpeg/AudioPlan.hpp"
 #include "engine/job/ConversionJob.hpp"
 #include "engine/job/internal/DecoderComplaints.hpp"
-#include "engine/job/internal/FolderToucher.hpp"
+#include "engine/publish/FolderToucher.hpp"
 #include "engine/job/internal/JobWorkspace.hpp"
 #include "engine/probe/MediaProbe.hpp"
 #include "engine/progress/ProgressParser.hpp"
@@ -275,7 +275,7 @@ void ConversionJob::encodeGif(const ConversionOptions& options, const MediaInfo&
 
     std::optional<std::string> reason;
     {
-        job_internal::FolderToucher toucher(
+        FolderToucher toucher(
             *workspace.gifFolder,
             std::chrono::milliseconds(static_cast<int64_t>(kWorkFolderTouchSeconds * 1000)));
         try {

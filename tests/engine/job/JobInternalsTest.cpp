@@ -6,14 +6,14 @@
 #include <time.h>
 
 #include "engine/job/internal/DecoderComplaints.hpp"
-#include "engine/job/internal/FolderToucher.hpp"
+#include "engine/publish/FolderToucher.hpp"
 #include "tests/engine/job/JobTestSupport.hpp"
 #include "tests/support/TempDir.hpp"
 
 namespace tessarin::test {
 namespace {
 
-using engine::job_internal::FolderToucher;
+using engine::FolderToucher;
 using engine::job_internal::friendlyDecoderComplaint;
 using engine::job_internal::toolFailureText;
 using ::testing::HasSubstr;

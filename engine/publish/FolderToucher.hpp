@@ -8,7 +8,7 @@
 #include <mutex>
 #include <thread>
 
-namespace tessarin::engine::job_internal {
+namespace tessarin::engine {
 
 // Sets the folder's modification time to now every `period` on a thread of its own, until
 // stop() or destruction (which joins the thread). Failures to touch are ignored. Construct and
@@ -33,4 +33,4 @@ private:
     std::thread thread_;
 };
 
-}  // namespace tessarin::engine::job_internal
+}  // namespace tessarin::engine

@@ -1,9 +1,9 @@
-#include "engine/job/internal/FolderToucher.hpp"
+#include "engine/publish/FolderToucher.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace tessarin::engine::job_internal {
+namespace tessarin::engine {
 
 FolderToucher::FolderToucher(std::filesystem::path folder, std::chrono::milliseconds period)
     : folder_(std::move(folder)), period_(period), thread_([this] { loop(); }) {}
@@ -31,4 +31,4 @@ void FolderToucher::loop() noexcept {
     }
 }
 
-}  // namespace tessarin::engine::job_internal
+}  // namespace tessarin::engine
