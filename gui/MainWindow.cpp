@@ -16,6 +16,7 @@
 #include "app/destinations/OutputDestinationTexts.hpp"
 #include "gui/ActionChips.hpp"
 #include "gui/DropZone.hpp"
+#include "gui/FastCutReviewDialog.hpp"
 #include "gui/NoticeBanner.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
@@ -95,6 +96,7 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(preferences, &QShortcut::activated, this, &MainWindow::showSettings);
 
     connect(&queue_, &app::QueueModel::pendingIntakeChanged, this, &MainWindow::showPendingIntake);
+    connect(&queue_, &app::QueueModel::fastCutReviewChanged, this, &MainWindow::showFastCutReview);
     connect(&queue_, &app::QueueModel::itemsChanged, this, &MainWindow::updateButtons);
     connect(&queue_, &app::QueueModel::itemChanged, this, &MainWindow::updateButtons);
     notice_->setText(qs(queue_.intakeNotice().value_or(std::string())));
@@ -275,6 +277,32 @@ void MainWindow::showPendingIntake() {
                 dialog->close();
             });
     dialog->open();
+}
+
+FastCutReviewDialog* MainWindow::fastCutReviewDialog() const {
+    return fastCutDialog_;
+}
+
+void MainWindow::showFastCutReview() {
+    const std::optional<app::FastCutReviewRequest>& request = queue_.fastCutReview();
+    // A sheet whose request was exported, closed or replaced has nothing left to show; one whose
+    // review completed is closing already.
+    if (fastCutDialog_ && (!request || fastCutDialog_->review().request().id != request->id)) {
+        FastCutReviewDialog* stale = fastCutDialog_;
+        fastCutDialog_ = nullptr;
+        if (!stale->review().completed()) {
+            stale->close();
+        }
+    }
+    if (!request || fastCutDialog_) {
+        return;
+    }
+    std::unique_ptr<app::FastCutReview> review = queue_.openFastCutReview();
+    if (!review) {
+        return;
+    }
+    fastCutDialog_ = new FastCutReviewDialog(std::move(review), this);
+    fastCutDialog_->open();
 }
 
 void MainWindow::updateTrim() {

@@ -1,5 +1,6 @@
 // The main window: the drop zone, the action chips, the batch trim, the queue with Convert and
-// Clear Finished, the notice banner, the confirmation of large batches and the quit alert.
+// Clear Finished, the notice banner, the confirmation of large batches, the review before a
+// fast cut and the quit alert.
 //
 // Threads: main thread only, like the models it binds to. It owns no state of its own beyond
 // what is on screen; every decision is the queue's.
@@ -20,6 +21,7 @@ namespace tessarin::gui {
 
 class ActionChips;
 class DropZone;
+class FastCutReviewDialog;
 class NoticeBanner;
 class QueueList;
 
@@ -41,6 +43,8 @@ public:
     [[nodiscard]] NoticeBanner* notice() const { return notice_; }
     // The confirmation of a large batch while it is open.
     [[nodiscard]] QMessageBox* pendingIntakeDialog() const { return pendingDialog_; }
+    // The review of a fast cut while it is open.
+    [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -50,6 +54,7 @@ private:
     void addFiles();
     void removeFocusedRow();
     void showPendingIntake();
+    void showFastCutReview();
     void updateTrim();
     void updateButtons();
 
@@ -66,6 +71,7 @@ private:
     QPushButton* clearFinished_ = nullptr;
     QPushButton* settings_ = nullptr;
     QPointer<QMessageBox> pendingDialog_;
+    QPointer<FastCutReviewDialog> fastCutDialog_;
     QPointer<SettingsWindow> settingsWindow_;
 };
 

@@ -219,7 +219,7 @@ std::optional<JobKind> jobKind(const ActionID& id, const std::optional<engine::P
             return JobKind{JobKind::ExtractAudio{std::move(options)}};
         }
         case ActionID::Kind::fastCut:
-            return JobKind{JobKind::FastCut{trim}};
+            return JobKind{JobKind::FastCut{trim, std::nullopt}};
         case ActionID::Kind::transcribe:
             return JobKind{JobKind::Transcribe{}};
         case ActionID::Kind::frames:

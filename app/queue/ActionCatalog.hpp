@@ -11,6 +11,7 @@
 #include <variant>
 #include <vector>
 
+#include "engine/clips/FastCut.hpp"
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/model/AudioExtractionOptions.hpp"
@@ -54,6 +55,9 @@ struct JobKind {
     };
     struct FastCut {
         engine::Trim trim;
+        // The plan the user reviewed; the job refuses when the file or its boundaries no
+        // longer match it. Absent, the job plans on its own.
+        std::optional<engine::FastCut::Plan> plan;
         bool operator==(const FastCut&) const = default;
     };
     // The transcription and frame-export jobs are made by the queue's job factories, which read

@@ -7,10 +7,13 @@ namespace tessarin::app {
 ConversionQueueJob::ConversionQueueJob(std::filesystem::path source, engine::MediaTask task,
                                        engine::Tools tools, engine::EncoderCapabilityPolicy policy,
                                        std::optional<std::filesystem::path> outputDirectory,
-                                       engine::HardwareEncoderSupport hardware)
+                                       engine::HardwareEncoderSupport hardware,
+                                       std::optional<engine::FastCut::Plan> expectedFastCutPlan)
     : job_(std::move(source), std::move(task), std::move(tools),
            engine::MediaInputPolicy::unrestricted, policy, std::move(outputDirectory),
-           std::move(hardware)) {}
+           std::move(hardware)) {
+    job_.expectedFastCutPlan = std::move(expectedFastCutPlan);
+}
 
 std::filesystem::path ConversionQueueJob::run(const Callbacks& callbacks) {
     engine::ConversionJob::Callbacks engineCallbacks;

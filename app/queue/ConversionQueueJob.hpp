@@ -11,11 +11,13 @@ namespace tessarin::app {
 
 class ConversionQueueJob final : public QueueJob {
 public:
-    // Nothing runs until run(); see ConversionJob for the arguments.
+    // Nothing runs until run(); see ConversionJob for the arguments. `expectedFastCutPlan` is the
+    // reviewed plan of a fast cut, which the job holds the file and its boundaries against.
     ConversionQueueJob(std::filesystem::path source, engine::MediaTask task, engine::Tools tools,
                        engine::EncoderCapabilityPolicy policy,
                        std::optional<std::filesystem::path> outputDirectory,
-                       engine::HardwareEncoderSupport hardware);
+                       engine::HardwareEncoderSupport hardware,
+                       std::optional<engine::FastCut::Plan> expectedFastCutPlan = std::nullopt);
 
     [[nodiscard]] std::filesystem::path run(const Callbacks& callbacks) override;
     void cancel() override { job_.cancel(engine::ConversionJob::kUserCancelGrace); }

@@ -25,8 +25,8 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
             ? std::optional(item.destination.folder)
             : std::nullopt;
     const engine::EncoderCapabilityPolicy policy = encoderCapabilityPolicy();
-    auto conversion = [&](engine::MediaTask task,
-                          const engine::Preset* preset) -> std::shared_ptr<QueueJob> {
+    auto conversion = [&](engine::MediaTask task, const engine::Preset* preset,
+                          std::optional<engine::FastCut::Plan> plan) -> std::shared_ptr<QueueJob> {
         engine::Tools tools = *tools_;
         if (preset && policy.softwareHEVC == engine::SoftwareHEVCSource::external &&
             preset->options.format.videoCodec() == engine::VideoCodec::h265) {
@@ -35,7 +35,8 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
             }
         }
         return std::make_shared<ConversionQueueJob>(item.source, std::move(task), tools, policy,
-                                                    outputDirectory, hardwareEncoders());
+                                                    outputDirectory, hardwareEncoders(),
+                                                    std::move(plan));
     };
     // Jobs made outside the queue; without a factory the row fails as unavailable.
     auto fromFactory = [&item](const JobFactory& factory) -> std::shared_ptr<QueueJob> {
@@ -44,17 +45,19 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
     return std::visit(
         Overloaded{
             [&](const JobKind::Convert& kind) {
-                return conversion(engine::MediaTask::convert(kind.preset), &kind.preset);
+                return conversion(engine::MediaTask::convert(kind.preset), &kind.preset,
+                                  std::nullopt);
             },
             [&](const JobKind::Join& kind) {
                 return conversion(engine::MediaTask::join(kind.preset, kind.ranges, kind.removing),
-                                  &kind.preset);
+                                  &kind.preset, std::nullopt);
             },
             [&](const JobKind::ExtractAudio& kind) {
-                return conversion(engine::MediaTask::extractAudio(kind.options), nullptr);
+                return conversion(engine::MediaTask::extractAudio(kind.options), nullptr,
+                                  std::nullopt);
             },
             [&](const JobKind::FastCut& kind) {
-                return conversion(engine::MediaTask::fastCut(kind.trim), nullptr);
+                return conversion(engine::MediaTask::fastCut(kind.trim), nullptr, kind.plan);
             },
             [&](const JobKind::Transcribe&) { return fromFactory(transcriptionJobFactory); },
             [&](const JobKind::Frames&) { return fromFactory(framesJobFactory); },

@@ -316,6 +316,10 @@ void QueueModel::prepareForQuit() {
         pendingIntake_.reset();
         emit pendingIntakeChanged();
     }
+    if (fastCutReview_) {
+        fastCutReview_.reset();
+        emit fastCutReviewChanged();
+    }
     queueLog().notice(engine::KeyValues().add("event", "quit").add("dropped", dropped).str());
     emit itemsChanged();
 }

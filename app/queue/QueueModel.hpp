@@ -32,6 +32,7 @@
 
 #include "app/destinations/OutputDestination.hpp"
 #include "app/queue/ActionCatalog.hpp"
+#include "app/queue/FastCutReview.hpp"
 #include "app/queue/IntakeFiles.hpp"
 #include "app/queue/QueueJob.hpp"
 #include "engine/clips/Uuid.hpp"
@@ -210,7 +211,8 @@ public:
     void confirmPendingIntake();
     void dismissPendingIntake();
 
-    // The Convert button: gives the selected action to the staged items and starts work.
+    // The Convert button: gives the selected action to the staged items and starts work. Under
+    // Fast cut nothing starts: the staged items with a trim are published for review instead.
     void start();
     // Runs the first waiting item if nothing runs.
     void startNext();
@@ -225,6 +227,32 @@ public:
     // Refuses new work, cancels the running job and the scan, and drops what waits.
     void prepareForQuit();
 
+    // The fast cut awaiting review, from the last start() under Fast cut, until it is exported
+    // or closed.
+    [[nodiscard]] const std::optional<FastCutReviewRequest>& fastCutReview() const {
+        return fastCutReview_;
+    }
+    // A review of the published request, wired to this queue: its export and hand-backs come
+    // here, and it is marked changed as soon as the queue or a trim no longer matches the
+    // request. Closing it withdraws the request, and so does its destruction, through the event
+    // loop. Nothing without a request.
+    [[nodiscard]] std::unique_ptr<FastCutReview> openFastCutReview(QObject* parent = nullptr);
+    // Whether `request` is the one published and the rows and trims are still what it was made
+    // from: the same rows in the same order, the same batch trim, each entry's row staged with
+    // the entry's trim.
+    [[nodiscard]] bool isFastCutReviewCurrent(const FastCutReviewRequest& request) const;
+    // The reviewed plans of request `requestID` (by item id): those rows become waiting fast
+    // cuts that carry their plan, and the queue starts. The rest stay staged. Nothing happens
+    // when the request is not current; the request is withdrawn either way.
+    void exportFastCut(const engine::Uuid& requestID, bool acceptWholeFile,
+                       const FastCutReview::Plans& plans);
+    // A file of the review that can't be cut stays staged, with `trim` as its own trim, so that a
+    // preset can be chosen for it.
+    void returnFastCutToConversion(const engine::Uuid& requestID, const engine::Uuid& id,
+                                   const engine::Trim& trim);
+    // Withdraws request `requestID` if it is the one published.
+    void closeFastCutReview(const engine::Uuid& requestID);
+
     // Blocks until no job or scan thread runs, at most `limit`; true when none does. Results
     // arrive through the event loop afterwards. For orderly shutdown and tests.
     [[nodiscard]] bool waitForBackgroundWork(std::chrono::milliseconds limit);
@@ -238,6 +266,8 @@ signals:
     void pendingIntakeChanged();
     void intakeNoticeChanged();
     void scanningChanged();
+    // A fast cut review was published, replaced or withdrawn.
+    void fastCutReviewChanged();
 
 private slots:
     void deliverBackgroundResults();
@@ -279,6 +309,16 @@ private:
     void finishItem(const engine::Uuid& id, std::optional<std::filesystem::path> output,
                     std::optional<engine::JobFailure> failure);
 
+    // The review hand-off (QueueFastCutReview.cpp).
+    void publishFastCutReview(std::vector<FastCutReviewRequest::Entry> entries);
+
+    // What a published review was made from: the batch trim as typed and every row, in order.
+    struct ReviewBasis {
+        std::string trimStart;
+        std::string trimEnd;
+        std::vector<engine::Uuid> itemIDs;
+    };
+
     const std::optional<engine::Tools> tools_;
     std::vector<QueueItem> items_;
     std::optional<ActionID> selectedActionID_;
@@ -293,6 +333,8 @@ private:
     std::vector<std::filesystem::path> intakeFolders_;
     std::shared_ptr<Scan> scan_;
     std::shared_ptr<RunningJob> running_;
+    std::optional<FastCutReviewRequest> fastCutReview_;
+    ReviewBasis reviewBasis_;
     std::shared_ptr<MainThreadHandoff> handoff_;
 };
 

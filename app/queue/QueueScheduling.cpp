@@ -1,6 +1,6 @@
 // QueueModel: one job at a time. The Convert button's assignment of the selected action to
-// staged rows, starting the next waiting row on a worker thread, relaying its progress, and
-// finishing it with its result, logs and notification.
+// staged rows (under Fast cut, their review), starting the next waiting row on a worker thread,
+// relaying its progress, and finishing it with its result, logs and notification.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -60,6 +60,7 @@ void QueueModel::start() {
     std::size_t assigned = 0;
     std::vector<engine::Uuid> dropped;
     std::set<MediaFileIdentity> claimed;
+    std::vector<FastCutReviewRequest::Entry> reviewed;
     for (QueueItem& item : items_) {
         if (item.state.kind != QueueItem::StateKind::needsPreset) {
             continue;
@@ -72,6 +73,11 @@ void QueueModel::start() {
         if (item.sourceID && (isDuplicate(*item.sourceID, action) ||
                               !claimed.insert(item.sourceID->file()).second)) {
             dropped.push_back(item.id);
+            continue;
+        }
+        if (action.kind == ActionID::Kind::fastCut) {
+            // Nothing is cut before the user has seen the plan.
+            reviewed.push_back({item.id, item.source, trim, std::nullopt, std::nullopt});
             continue;
         }
         const std::optional<JobKind> kind = jobKind(action, preset, trim);
@@ -104,6 +110,9 @@ void QueueModel::start() {
                           .add("assigned", assigned)
                           .add("dropped", dropped.size())
                           .str());
+    if (!reviewed.empty()) {
+        publishFastCutReview(std::move(reviewed));
+    }
     emit itemsChanged();
     startNext();
 }
