@@ -8,7 +8,7 @@ packages=(
   cmake ninja-build g++ pkg-config
   # libraries
   nlohmann-json3-dev libfmt-dev libcli11-dev libsystemd-dev libssl-dev libacl1-dev libicu-dev
-  uuid-dev
+  uuid-dev libvips-dev fonts-dejavu-core
   # application core (QtCore models)
   qt6-base-dev
   # tests and benchmarks
