@@ -1,12 +1,14 @@
 // The subcommands of `tessarin`. Each returns the process exit status (ExitStatus.hpp).
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "cli/JobPlan.hpp"
+#include "engine/frames/FrameExtractionOptions.hpp"
 
 namespace tessarin::cli {
 
@@ -57,5 +59,21 @@ struct ExtractAudioRequest {
 
 // `tessarin extract-audio FILE...`: writes each file's first audio track to a file of its own.
 int runExtractAudio(const ExtractAudioRequest& request);
+
+struct FramesRequest {
+    std::string mode = "changes";      // or "interval"
+    std::optional<int64_t> maxFrames;  // absent: the engine's automatic budget
+    int64_t maxSize = engine::FrameExtractionOptions::kDefaultSize;
+    std::string format = "jpeg";  // or "png"
+    bool contactSheet = true;
+    std::optional<std::string> trim;  // START,END
+    std::vector<std::filesystem::path> files;
+    std::optional<std::filesystem::path> outputDirectory;
+    bool json = false;
+};
+
+// `tessarin frames FILE...`: exports stills of each file into a new NAME-frames folder with
+// frames.json and a contact sheet, one file at a time.
+int runFrames(const FramesRequest& request);
 
 }  // namespace tessarin::cli

@@ -156,10 +156,10 @@ std::vector<WorkItem> workItems(const std::vector<FileCuts>& files, const JobCon
     std::vector<WorkItem> items;
     for (const FileCuts& file : files) {
         if (file.joined) {
-            items.push_back({file.source, "cut join",
-                             [file, context](const engine::ConversionJob::Callbacks& callbacks) {
-                                 return joinCuts(file.source, file.cuts, context, callbacks);
-                             }});
+            items.push_back(
+                {file.source, "cut join", [file, context](const WorkCallbacks& callbacks) {
+                     return Published{joinCuts(file.source, file.cuts, context, callbacks)};
+                 }});
         } else {
             for (WorkItem& item : jobItems(file.cuts, context)) {
                 items.push_back(std::move(item));

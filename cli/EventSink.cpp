@@ -8,17 +8,17 @@ namespace tessarin::cli {
 
 EventSink::EventSink(bool json) : json_(json) {}
 
-void EventSink::emit(const std::string& line) {
-    // Whole lines, flushed, so a reading program sees each event as it happens.
-    std::cout << line << std::endl;
+void EventSink::emit(const nlohmann::json& event) {
+    // Whole lines, flushed, so a reading program sees each event as it happens. A file name may
+    // hold bytes that are not UTF-8; they are written as U+FFFD rather than failing the event.
+    std::cout << event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
 }
 
 void EventSink::start(const std::filesystem::path& file, const std::string& action) {
     file_ = file;
     lastPercent_ = -1;
     if (json_) {
-        emit(
-            nlohmann::json{{"event", "start"}, {"file", file.string()}, {"action", action}}.dump());
+        emit(nlohmann::json{{"event", "start"}, {"file", file.string()}, {"action", action}});
     } else {
         bar_ = std::make_unique<ProgressLine>(file.filename().string());
         bar_->update(std::nullopt);
@@ -36,8 +36,7 @@ void EventSink::progress(std::optional<double> fraction) {
             lastPercent_ = percent;
             emit(nlohmann::json{{"event", "progress"},
                                 {"file", file_.string()},
-                                {"fraction", std::round(*fraction * 1000) / 1000}}
-                     .dump());
+                                {"fraction", std::round(*fraction * 1000) / 1000}});
         }
     } else if (bar_) {
         bar_->update(fraction);
@@ -46,7 +45,7 @@ void EventSink::progress(std::optional<double> fraction) {
 
 void EventSink::warning(const std::string& text) {
     if (json_) {
-        emit(nlohmann::json{{"event", "warning"}, {"file", file_.string()}, {"text", text}}.dump());
+        emit(nlohmann::json{{"event", "warning"}, {"file", file_.string()}, {"text", text}});
         return;
     }
     if (bar_) {
@@ -55,17 +54,30 @@ void EventSink::warning(const std::string& text) {
     std::cerr << "tessarin: " << file_.string() << ": warning: " << text << "\n";
 }
 
-void EventSink::done(const std::filesystem::path& published) {
+void EventSink::warning(const std::string& code, const std::string& sentence) {
+    if (!json_) {
+        warning(sentence);
+        return;
+    }
+    emit(nlohmann::json{
+        {"event", "warning"}, {"file", file_.string()}, {"text", code}, {"message", sentence}});
+}
+
+void EventSink::done(const std::filesystem::path& published,
+                     const std::optional<nlohmann::json>& index) {
     if (json_) {
-        emit(nlohmann::json{
-            {"event", "done"}, {"file", file_.string()}, {"path", published.string()}}
-                 .dump());
+        nlohmann::json event{
+            {"event", "done"}, {"file", file_.string()}, {"path", published.string()}};
+        if (index) {
+            event["index"] = *index;
+        }
+        emit(event);
         return;
     }
     if (bar_) {
         bar_->finish();
     }
-    emit(published.string());
+    std::cout << published.string() << std::endl;
 }
 
 void EventSink::failed(const std::string& step, const std::string& text,
@@ -76,7 +88,7 @@ void EventSink::failed(const std::string& step, const std::string& text,
         if (exitCode) {
             event["exitCode"] = *exitCode;
         }
-        emit(event.dump());
+        emit(event);
         return;
     }
     if (bar_) {
@@ -91,7 +103,7 @@ void EventSink::failed(const std::string& step, const std::string& text,
 
 void EventSink::cancelled() {
     if (json_) {
-        emit(nlohmann::json{{"event", "cancelled"}, {"file", file_.string()}}.dump());
+        emit(nlohmann::json{{"event", "cancelled"}, {"file", file_.string()}});
         return;
     }
     if (bar_) {
@@ -114,7 +126,7 @@ void EventSink::plan(const std::filesystem::path& file, const std::string& part,
         if (!part.empty()) {
             event["part"] = part;
         }
-        emit(event.dump());
+        emit(event);
         return;
     }
     // One paragraph per cut, so that several read apart.

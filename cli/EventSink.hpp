@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
@@ -21,8 +22,13 @@ public:
 
     void start(const std::filesystem::path& file, const std::string& action);
     void progress(std::optional<double> fraction);
+    // A warning sentence; with a `code` as well, --json gives the code as "text" and the
+    // sentence as "message", and people read the sentence.
     void warning(const std::string& text);
-    void done(const std::filesystem::path& published);
+    void warning(const std::string& code, const std::string& sentence);
+    // `index`, when given, goes into --json's done event under "index"; people get the path.
+    void done(const std::filesystem::path& published,
+              const std::optional<nlohmann::json>& index = std::nullopt);
     void failed(const std::string& step, const std::string& text, std::optional<int32_t> exitCode);
     void cancelled();
 
@@ -36,7 +42,7 @@ public:
     void interrupted(const std::filesystem::path& file);
 
 private:
-    void emit(const std::string& line);
+    void emit(const nlohmann::json& event);
 
     bool json_;
     std::filesystem::path file_;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <system_error>
+#include <type_traits>
 
 namespace tessarin::cli {
 
@@ -22,12 +23,17 @@ sigset_t watchedSignals() {
     return set;
 }
 
-// Weak, so that a finished job or runner is not kept alive by the watcher.
+// Weak, so that a finished job or runner is not kept alive by the watcher. A frame export always
+// gives its tools the user's grace.
 template <typename Target>
 std::function<void()> cancelling(const std::shared_ptr<Target>& target) {
     return [weak = std::weak_ptr<Target>(target)] {
         if (const std::shared_ptr<Target> alive = weak.lock()) {
-            alive->cancel(engine::ConversionJob::kUserCancelGrace);
+            if constexpr (std::is_same_v<Target, engine::FrameExtractionJob>) {
+                alive->cancel();
+            } else {
+                alive->cancel(engine::ConversionJob::kUserCancelGrace);
+            }
         }
     };
 }
@@ -51,6 +57,10 @@ Interruption::~Interruption() {
 }
 
 void Interruption::watch(const std::shared_ptr<engine::ConversionJob>& job) {
+    install(cancelling(job));
+}
+
+void Interruption::watch(const std::shared_ptr<engine::FrameExtractionJob>& job) {
     install(cancelling(job));
 }
 

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <thread>
 
+#include "engine/frames/FrameExtractionJob.hpp"
 #include "engine/job/ConversionJob.hpp"
 #include "engine/process/ProcessRunner.hpp"
 
@@ -25,6 +26,7 @@ public:
     // The job a signal cancels; a job that arrives after the signal is cancelled at once, so
     // nothing starts after Ctrl-C.
     void watch(const std::shared_ptr<engine::ConversionJob>& job);
+    void watch(const std::shared_ptr<engine::FrameExtractionJob>& job);
     // The same for a tool run outside a job (a probe, a plan, the copy that joins cuts).
     void watch(const std::shared_ptr<engine::ProcessRunner>& runner);
 

@@ -37,10 +37,10 @@ std::vector<WorkItem> jobItems(const std::vector<PlannedJob>& jobs, const JobCon
     std::vector<WorkItem> items;
     items.reserve(jobs.size());
     for (const PlannedJob& planned : jobs) {
-        items.push_back({planned.source, planned.label,
-                         [planned, context](const engine::ConversionJob::Callbacks& callbacks) {
-                             return runJob(planned, context, callbacks);
-                         }});
+        items.push_back(
+            {planned.source, planned.label, [planned, context](const WorkCallbacks& callbacks) {
+                 return Published{runJob(planned, context, callbacks)};
+             }});
     }
     return items;
 }
@@ -53,10 +53,14 @@ int runWork(const std::vector<WorkItem>& items, EventSink& sink, const Interrupt
         }
         sink.start(item.source, item.label);
         try {
-            engine::ConversionJob::Callbacks callbacks;
+            WorkCallbacks callbacks;
             callbacks.onWarning = [&](const std::string& text) { sink.warning(text); };
+            callbacks.onCodedWarning = [&](const std::string& code, const std::string& sentence) {
+                sink.warning(code, sentence);
+            };
             callbacks.onProgress = [&](std::optional<double> fraction) { sink.progress(fraction); };
-            sink.done(item.run(callbacks));
+            const Published published = item.run(callbacks);
+            sink.done(published.path, published.index);
         } catch (const engine::JobFailure& failure) {
             if (failure.wasCancelled) {
                 sink.cancelled();

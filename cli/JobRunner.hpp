@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -25,12 +26,24 @@ struct JobContext {
     Interruption& interruption;
 };
 
+// What a unit of work reports while it runs: a conversion's callbacks, and warnings that carry a
+// code for programs beside the sentence for people (a frame export's).
+struct WorkCallbacks : engine::ConversionJob::Callbacks {
+    std::function<void(const std::string& code, const std::string& sentence)> onCodedWarning;
+};
+
+// What a unit of work published.
+struct Published {
+    std::filesystem::path path;                          // the file, or a frame export's folder
+    std::optional<nlohmann::json> index = std::nullopt;  // a frame export's FrameIndex JSON
+};
+
 // One output of a command: what the sink announces, and the run that publishes it.
 struct WorkItem {
     std::filesystem::path source;
     std::string label;
-    // Returns the published path. Throws engine::JobFailure only.
-    std::function<std::filesystem::path(const engine::ConversionJob::Callbacks&)> run;
+    // Throws engine::JobFailure only.
+    std::function<Published(const WorkCallbacks&)> run;
 };
 
 // What the checks before any work found: the tools, or the exit status to end with (its

@@ -90,6 +90,24 @@ int main(int argc, char** argv) {
     addOutputOptions(*extractCommand, extract.outputDirectory, extract.json, extract.files,
                      "Files to read");
 
+    FramesRequest frames;
+    CLI::App* framesCommand = app.add_subcommand(
+        "frames", "Export stills of each file into a new NAME-frames folder, with frames.json");
+    // Any --mode and --format reach the command, which refuses unknown ones in one sentence.
+    framesCommand->add_option("--mode", frames.mode,
+                              "changes: where the picture changes (default); interval: evenly");
+    framesCommand->add_option("--max-frames", frames.maxFrames,
+                              "At most N frames, 2 to 1000 (default: one per 5 s, at least 24)");
+    framesCommand->add_option("--max-size", frames.maxSize,
+                              "Long edge of the pictures in pixels, 64 to 2576 (default 1568)");
+    framesCommand->add_option("--format", frames.format, "jpeg (default) or png");
+    framesCommand->add_flag_callback(
+        "--no-contact-sheet", [&frames] { frames.contactSheet = false; },
+        "Leave out contact-sheet.jpg");
+    framesCommand->add_option("--trim", frames.trim, "START,END: only this range");
+    addOutputOptions(*framesCommand, frames.outputDirectory, frames.json, frames.files,
+                     "Videos to read");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -113,6 +131,9 @@ int main(int argc, char** argv) {
     }
     if (*cutCommand) {
         return runCut(cut);
+    }
+    if (*framesCommand) {
+        return runFrames(frames);
     }
     return runExtractAudio(extract);
 }

@@ -7,7 +7,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
-  tessarin_queue_intake_bench
+  tessarin_frame_export_bench tessarin_queue_intake_bench
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -21,5 +21,7 @@ echo "== conversion job overhead (10 s 1280x720, mp4-h264, vs bare ffmpeg)"
 "$bin/tessarin_conversion_job_bench" "${1:-5}"
 echo "== fast cut (226 s of a 5-minute 1280x720 file vs a bare stream copy)"
 "$bin/tessarin_fast_cut_bench" "${1:-5}"
+echo "== frame export (2-minute 1080p slide recording: analysis vs decode, export vs scene one-liner)"
+"$bin/tessarin_frame_export_bench" "${1:-3}"
 echo "== queue intake (30,000 entries holding 1,000 videos)"
 "$bin/tessarin_queue_intake_bench" 3

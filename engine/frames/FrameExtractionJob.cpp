@@ -74,7 +74,8 @@ int renameFolderExclusively(int directoryFd, const char* from, const char* to) {
     return 0;
 }
 
-JobFailure probeFailure(const MediaProbeError& error) {
+JobFailure probeFailure(const MediaProbeError& error, const fs::path& link,
+                        const fs::path& source) {
     switch (error.kind) {
         case MediaProbeError::Kind::cancelled:
             return JobFailure::cancelled("probe");
@@ -87,7 +88,7 @@ JobFailure probeFailure(const MediaProbeError& error) {
         case MediaProbeError::Kind::ffprobeFailed:
             break;
     }
-    std::string text = error.stderrText;
+    std::string text = frames_internal::withSourceName(error.stderrText, link, source);
     if (text.empty()) {
         text = fmt::format("ffprobe ended with status {} and printed no error.", error.exitCode);
     }
@@ -95,6 +96,17 @@ JobFailure probeFailure(const MediaProbeError& error) {
 }
 
 }  // namespace
+
+std::string frames_internal::withSourceName(std::string text, const fs::path& link,
+                                            const fs::path& source) {
+    const std::string linkText = link.string();
+    const std::string name = source.filename().string();
+    for (std::size_t at = text.find(linkText); at != std::string::npos;
+         at = text.find(linkText, at + name.size())) {
+        text.replace(at, linkText.size(), name);
+    }
+    return text;
+}
 
 FrameExtractionJob::FrameExtractionJob(fs::path source, FrameExtractionOptions options,
                                        std::optional<fs::path> outputDirectory, Tools tools)
@@ -248,7 +260,7 @@ FrameExtractionJob::Plan FrameExtractionJob::plan(const Callbacks& callbacks,
                 MediaProbe::probe(plan.input, tools_, MediaInputPolicy::unrestricted, *runner);
         } catch (const MediaProbeError& failure) {
             clearRunner();
-            throw probeFailure(failure);
+            throw probeFailure(failure, plan.input, source_);
         }
         clearRunner();
     }

@@ -26,13 +26,14 @@ std::string lowercased(std::string text) {
 }
 
 // The failure of an ffmpeg run that ended with a non-zero status.
-JobFailure toolFailure(const char* step, const ProcessResult& result) {
+JobFailure toolFailure(const char* step, const ProcessResult& result, const fs::path& link,
+                       const fs::path& source) {
     if (lowercased(result.stderrTail).find("no decoder found for: hevc") != std::string::npos) {
         return JobFailure(step, result.exitCode,
                           "H.265 (HEVC) video can't be read by this edition's built-in tools. "
                           "Export an H.264 copy first, then extract frames from that copy.");
     }
-    std::string text = result.stderrTail;
+    std::string text = frames_internal::withSourceName(result.stderrTail, link, source);
     if (text.empty()) {
         text = fmt::format("ffmpeg ended with status {} and printed no error.", result.exitCode);
     }
@@ -157,7 +158,7 @@ FrameSelectionResult FrameExtractionJob::analyse(const Plan& plan, const Callbac
         throw JobFailure::sentence("analysis", *message);
     }
     if (result.exitCode != 0) {
-        throw toolFailure("analysis", result);
+        throw toolFailure("analysis", result, plan.input, source_);
     }
     if (stream->processed() == 0) {
         throw JobFailure::sentence("analysis",
@@ -213,7 +214,7 @@ FrameExtractionJob::Extracted FrameExtractionJob::extract(const Plan& plan,
         throw JobFailure::sentence("extraction", *message);
     }
     if (result.exitCode != 0) {
-        throw toolFailure("extraction", result);
+        throw toolFailure("extraction", result, plan.input, source_);
     }
     Extracted extracted;
     extracted.frames = stream.collected();

@@ -1,5 +1,4 @@
 // Drives the built `tessarin` executable as a user would, on generated clips.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -138,74 +137,6 @@ TEST(CliConvert, HardwarePresetsUseTheEncoderFoundOrSayWhyNot) {
     }
 }
 
-// A `tessarin convert --json` of a long AV1 encode, started with a private work folder and
-// stopped at its first progress event, when its ffmpeg surely runs.
-class RunningConvert {
-public:
-    explicit RunningConvert(const fs::path& source) {
-        copy_ = copyInto(folder_.path(), source, "long.mp4");
-        const std::vector<std::string> environment = {
-            "TMPDIR=" + workRoot_.path().string(), "PATH=/usr/bin:/bin",
-            "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
-        int events[2];
-        EXPECT_EQ(pipe2(events, O_CLOEXEC), 0);
-        pid_ = spawnTool({"convert", "--json", "--preset", "mp4-av1", copy_.string()}, environment,
-                         {.out = events[1]});
-        close(events[1]);
-        events_ = fdopen(events[0], "r");
-    }
-    ~RunningConvert() {
-        std::free(line_);
-        if (events_ != nullptr) {
-            std::fclose(events_);
-        }
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
-    }
-    RunningConvert(const RunningConvert&) = delete;
-    RunningConvert& operator=(const RunningConvert&) = delete;
-
-    [[nodiscard]] bool waitForProgress() {
-        while (getline(&line_, &capacity_, events_) > 0) {
-            const auto event = nlohmann::json::parse(line_);
-            if (event["event"] == "progress" && event["fraction"].get<double>() > 0) {
-                return true;
-            }
-        }
-        return false;
-    }
-    // The last event before the output closed.
-    [[nodiscard]] std::string lastEvent() {
-        std::string last;
-        while (getline(&line_, &capacity_, events_) > 0) {
-            last = line_;
-        }
-        return last;
-    }
-    // Signals the tool and reaps it; its wait status.
-    int stop(int signal) {
-        EXPECT_EQ(::kill(pid_, signal), 0);
-        int status = 0;
-        EXPECT_EQ(::waitpid(pid_, &status, 0), pid_);
-        pid_ = -1;
-        return status;
-    }
-    [[nodiscard]] pid_t pid() const { return pid_; }
-    [[nodiscard]] const fs::path& folder() const { return folder_.path(); }
-    [[nodiscard]] const fs::path& workRoot() const { return workRoot_.path(); }
-
-private:
-    test::TempDir folder_;
-    test::TempDir workRoot_;
-    fs::path copy_;
-    pid_t pid_ = -1;
-    FILE* events_ = nullptr;
-    char* line_ = nullptr;
-    size_t capacity_ = 0;
-};
-
 const fs::path& longSource() {
     // Long enough that the encode is still running when the signal arrives.
     static const fs::path source =
@@ -215,8 +146,13 @@ const fs::path& longSource() {
     return source;
 }
 
+// A long AV1 encode, stopped at its first progress event, when its ffmpeg surely runs.
+RunningTool runningConvert() {
+    return RunningTool(longSource(), "long.mp4", {"convert", "--preset", "mp4-av1"});
+}
+
 TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
-    RunningConvert convert(longSource());
+    RunningTool convert = runningConvert();
     ASSERT_TRUE(convert.waitForProgress()) << "the encode never reported progress";
     const int status = convert.stop(SIGINT);
     ASSERT_TRUE(WIFEXITED(status));
@@ -227,7 +163,7 @@ TEST(CliConvert, InterruptCancelsAndLeavesNothingBehind) {
 }
 
 TEST(CliConvert, KilledToolTakesItsEncoderWithIt) {
-    RunningConvert convert(longSource());
+    RunningTool convert = runningConvert();
     ASSERT_TRUE(convert.waitForProgress()) << "the encode never reported progress";
     const std::vector<pid_t> children = test::childProcesses(convert.pid());
     ASSERT_THAT(children, ::testing::SizeIs(1));

@@ -1,14 +1,17 @@
 #include "tests/cli/CliTestSupport.hpp"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <sstream>
 
 #include "engine/probe/MediaProbe.hpp"
-#include "tests/support/TempDir.hpp"
 #include "tests/support/TestMedia.hpp"
 
 extern char** environ;
@@ -116,6 +119,59 @@ std::vector<nlohmann::json> jsonEvents(const std::string& out) {
         events.push_back(nlohmann::json::parse(line));
     }
     return events;
+}
+
+RunningTool::RunningTool(const fs::path& source, const std::string& name,
+                         const std::vector<std::string>& arguments,
+                         const std::vector<std::string>& environment) {
+    std::vector<std::string> command = arguments;
+    command.push_back("--json");
+    command.push_back(copyInto(folder_.path(), source, name).string());
+    std::vector<std::string> entries = {"TMPDIR=" + workRoot_.path().string(), "PATH=/usr/bin:/bin",
+                                        "CONVERTER_TOOLS_DIR=" + test::helperDirectory().string()};
+    entries.insert(entries.end(), environment.begin(), environment.end());
+    int events[2];
+    EXPECT_EQ(::pipe2(events, O_CLOEXEC), 0);
+    pid_ = spawnTool(command, entries, {.out = events[1]});
+    ::close(events[1]);
+    events_ = ::fdopen(events[0], "r");
+}
+
+RunningTool::~RunningTool() {
+    std::free(line_);
+    if (events_ != nullptr) {
+        std::fclose(events_);
+    }
+    if (pid_ > 0) {
+        ::kill(pid_, SIGKILL);
+        ::waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool RunningTool::waitForProgress() {
+    while (::getline(&line_, &capacity_, events_) > 0) {
+        const auto event = nlohmann::json::parse(line_);
+        if (event["event"] == "progress" && event["fraction"].get<double>() > 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string RunningTool::lastEvent() {
+    std::string last;
+    while (::getline(&line_, &capacity_, events_) > 0) {
+        last = line_;
+    }
+    return last;
+}
+
+int RunningTool::stop(int signal) {
+    EXPECT_EQ(::kill(pid_, signal), 0);
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid_, &status, 0), pid_);
+    pid_ = -1;
+    return status;
 }
 
 }  // namespace tessarin::cli

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 #include <system_error>
 
 #include "engine/clips/FastCut.hpp"
@@ -44,5 +45,14 @@ struct FrameExtractionJob::Workspace {
         }
     }
 };
+
+namespace frames_internal {
+
+// `text` with the work folder's link to the source replaced by the source's own name: the tools
+// only ever see the link, the user knows the file.
+[[nodiscard]] std::string withSourceName(std::string text, const std::filesystem::path& link,
+                                         const std::filesystem::path& source);
+
+}  // namespace frames_internal
 
 }  // namespace tessarin::engine

@@ -275,6 +275,14 @@ TEST(FrameExtractionJob, ChecksOptionsAndTheRangeFirst) {
     EXPECT_EQ(runJob(*sandbox.job(sandbox.sources() / "missing.mp4", {})).failure,
               JobFailure::sentence(
                   "probe", "The video can't be read: it is missing or not a regular file."));
+    // ffprobe only sees a link in the work folder; its complaint names the user's file.
+    const fs::path text = sandbox.sources() / "notes.mp4";
+    std::ofstream(text) << "not a video\n";
+    const std::optional<JobFailure> unreadable = runJob(*sandbox.job(text, {})).failure;
+    ASSERT_TRUE(unreadable);
+    EXPECT_EQ(unreadable->step, "probe");
+    EXPECT_THAT(unreadable->stderrTail, ::testing::HasSubstr("notes.mp4"));
+    EXPECT_THAT(unreadable->stderrTail, ::testing::Not(::testing::HasSubstr("tessarin-work")));
     EXPECT_THAT(contents(sandbox.outputs()), IsEmpty());
     EXPECT_EQ(automaticFrameBudget(60), 24);
     EXPECT_EQ(automaticFrameBudget(4000), 800);
