@@ -1,6 +1,8 @@
 #include "gui/GeneralSettingsPage.hpp"
 
 #include <QButtonGroup>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QFileDialog>
 #include <QFormLayout>
 #include <QGroupBox>
@@ -9,12 +11,14 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QRadioButton>
+#include <QSignalBlocker>
 #include <QSpinBox>
 #include <QVBoxLayout>
 #include <cmath>
 
 #include "app/destinations/OutputAvailabilityModel.hpp"
 #include "app/destinations/OutputDestinationTexts.hpp"
+#include "app/settings/FramesSettings.hpp"
 #include "app/shell/TessarinApp.hpp"
 #include "gui/UIScale.hpp"
 
@@ -24,6 +28,9 @@ namespace {
 QString qs(std::string_view text) {
     return QString::fromUtf8(text.data(), text.size());
 }
+
+// The budget field's lowest value, shown as "Automatic"; every other value is a frame count.
+constexpr int kAutomaticBudget = 1;
 
 }  // namespace
 
@@ -113,6 +120,7 @@ GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
     layout->setContentsMargins(16, 16, 16, 16);
     layout->setSpacing(14);
     layout->addWidget(output);
+    layout->addWidget(makeFramesGroup());
     layout->addWidget(interface);
     layout->addStretch();
 
@@ -126,6 +134,94 @@ GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
 }
 
 GeneralSettingsPage::~GeneralSettingsPage() = default;
+
+QWidget* GeneralSettingsPage::makeFramesGroup() {
+    using Options = engine::FrameExtractionOptions;
+    app::FramesSettings& frames = app_.framesSettings();
+    auto* group = new QGroupBox(tr("Frames"), this);
+    group->setObjectName("framesGroup");
+    auto* form = new QFormLayout(group);
+    form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
+
+    framesModes_ = new QButtonGroup(group);
+    auto* modes = new QVBoxLayout;
+    modes->setSpacing(4);
+    const std::pair<engine::FrameSelectionMode, QString> choices[] = {
+        {engine::FrameSelectionMode::changes, QStringLiteral("Where the picture changes")},
+        {engine::FrameSelectionMode::interval, QStringLiteral("Evenly spaced")},
+    };
+    for (const auto& [mode, text] : choices) {
+        auto* radio = new QRadioButton(text, group);
+        radio->setObjectName(QStringLiteral("framesMode:") + qs(engine::rawValue(mode)));
+        framesModes_->addButton(radio, static_cast<int>(mode));
+        modes->addWidget(radio);
+    }
+    form->addRow(tr("Take frames:"), modes);
+    connect(framesModes_, &QButtonGroup::idClicked, this,
+            [&frames](int id) { frames.setMode(static_cast<engine::FrameSelectionMode>(id)); });
+
+    framesBudget_ = new QSpinBox(group);
+    framesBudget_->setObjectName("framesBudget");
+    framesBudget_->setRange(kAutomaticBudget, static_cast<int>(Options::kMaximumFrames));
+    framesBudget_->setSpecialValueText(QStringLiteral("Automatic"));
+    framesBudget_->setKeyboardTracking(false);
+    framesBudget_->setToolTip(
+        tr("The most frames saved from one video; Automatic takes about one per 5 seconds"));
+    form->addRow(tr("Frame budget:"), framesBudget_);
+    connect(framesBudget_, &QSpinBox::valueChanged, this, [&frames](int value) {
+        frames.setMaxFrames(value == kAutomaticBudget ? std::nullopt
+                                                      : std::optional<int64_t>(value));
+    });
+
+    framesMaxSize_ = new QSpinBox(group);
+    framesMaxSize_->setObjectName("framesMaxSize");
+    framesMaxSize_->setRange(static_cast<int>(Options::kMinimumSize),
+                             static_cast<int>(Options::kMaximumSize));
+    framesMaxSize_->setSuffix(QStringLiteral(" px"));
+    framesMaxSize_->setKeyboardTracking(false);
+    framesMaxSize_->setToolTip(tr("The long edge of the saved pictures; none is enlarged"));
+    form->addRow(tr("Maximum size:"), framesMaxSize_);
+    connect(framesMaxSize_, &QSpinBox::valueChanged, this,
+            [&frames](int value) { frames.setMaxSize(value); });
+
+    framesFormat_ = new QComboBox(group);
+    framesFormat_->setObjectName("framesFormat");
+    framesFormat_->addItem(QStringLiteral("JPEG"),
+                           static_cast<int>(engine::FrameImageFormat::jpeg));
+    framesFormat_->addItem(QStringLiteral("PNG"), static_cast<int>(engine::FrameImageFormat::png));
+    form->addRow(tr("Format:"), framesFormat_);
+    connect(framesFormat_, &QComboBox::currentIndexChanged, this, [this, &frames](int index) {
+        frames.setFormat(
+            static_cast<engine::FrameImageFormat>(framesFormat_->itemData(index).toInt()));
+    });
+
+    contactSheets_ = new QCheckBox(QStringLiteral("Contact sheets"), group);
+    contactSheets_->setObjectName("framesContactSheets");
+    contactSheets_->setToolTip(tr("Grids of the frames with their times, for a quick look"));
+    form->addRow(QString(), contactSheets_);
+    connect(contactSheets_, &QCheckBox::toggled, this,
+            [&frames](bool checked) { frames.setContactSheet(checked); });
+
+    connect(&frames, &app::FramesSettings::changed, this, &GeneralSettingsPage::showFrames);
+    showFrames();
+    return group;
+}
+
+void GeneralSettingsPage::showFrames() {
+    const app::FramesSettings& frames = app_.framesSettings();
+    if (QAbstractButton* button = framesModes_->button(static_cast<int>(frames.mode()))) {
+        button->setChecked(true);
+    }
+    // Showing the stored choices must not store them again.
+    const QSignalBlocker budget(framesBudget_);
+    const QSignalBlocker size(framesMaxSize_);
+    const QSignalBlocker format(framesFormat_);
+    const QSignalBlocker sheets(contactSheets_);
+    framesBudget_->setValue(static_cast<int>(frames.maxFrames().value_or(kAutomaticBudget)));
+    framesMaxSize_->setValue(static_cast<int>(frames.maxSize()));
+    framesFormat_->setCurrentIndex(framesFormat_->findData(static_cast<int>(frames.format())));
+    contactSheets_->setChecked(frames.contactSheet());
+}
 
 void GeneralSettingsPage::chooseFolder(const QString& folder) {
     if (const auto sentence = availability_->chooseFolder(folder.toStdString())) {

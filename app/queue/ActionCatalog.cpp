@@ -222,8 +222,11 @@ std::optional<JobKind> jobKind(const ActionID& id, const std::optional<engine::P
             return JobKind{JobKind::FastCut{trim, std::nullopt}};
         case ActionID::Kind::transcribe:
             return JobKind{JobKind::Transcribe{}};
-        case ActionID::Kind::frames:
-            return JobKind{JobKind::Frames{}};
+        case ActionID::Kind::frames: {
+            engine::FrameExtractionOptions options;
+            options.trim = trim;
+            return JobKind{JobKind::Frames{std::move(options)}};
+        }
     }
     return std::nullopt;
 }

@@ -14,6 +14,7 @@
 #include "engine/clips/FastCut.hpp"
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
+#include "engine/frames/FrameExtractionOptions.hpp"
 #include "engine/model/AudioExtractionOptions.hpp"
 #include "engine/model/Preset.hpp"
 
@@ -61,11 +62,15 @@ struct JobKind {
         bool operator==(const FastCut&) const = default;
     };
     // The transcription and frame-export jobs are made by the queue's job factories, which read
-    // what they need (model, options, destination) when the item starts.
+    // what they need (model, destination) when the item starts.
     struct Transcribe {
         bool operator==(const Transcribe&) const = default;
     };
+    // `options.trim` is the item's trim, fixed when the action is assigned; the other options
+    // are taken from the settings again when the item starts, so a row exports with the choices
+    // of that moment.
     struct Frames {
+        engine::FrameExtractionOptions options;
         bool operator==(const Frames&) const = default;
     };
 
@@ -133,7 +138,8 @@ inline constexpr const char* kFramesUnavailableSentence =
 [[nodiscard]] std::string logToken(const ActionID& id);
 
 // The job an action makes, given its preset (for `preset`) and the batch trim: a preset with a
-// trim converts that range. Nothing for a preset action without a preset.
+// trim converts that range; frames carry the trim in default options, which the queue replaces
+// from the settings when the item starts. Nothing for a preset action without a preset.
 [[nodiscard]] std::optional<JobKind> jobKind(const ActionID& id,
                                              const std::optional<engine::Preset>& preset,
                                              const engine::Trim& trim);

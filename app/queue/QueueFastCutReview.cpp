@@ -1,5 +1,6 @@
 // QueueModel: the review before a fast cut. A Convert under Fast cut publishes the staged rows
-// for review; the review's export turns the ready ones into waiting fast cuts that carry their
+// for review, and files that come in under Fast cut are staged and published the same way; the
+// review's export turns the ready ones into waiting fast cuts that carry their
 // plan, a file that can't be cut goes back to the staged rows with its trim, and any change to
 // the rows or trims outdates the review.
 #include <QPointer>
@@ -11,6 +12,7 @@
 
 namespace tessarin::app {
 
+using queue_internal::kFastCutNeedsTrim;
 using queue_internal::queueLog;
 using queue_internal::trimLabelOf;
 
@@ -29,6 +31,45 @@ void QueueModel::publishFastCutReview(std::vector<FastCutReviewRequest::Entry> e
                           .str());
     fastCutReview_ = std::move(request);
     emit fastCutReviewChanged();
+}
+
+void QueueModel::reviewIncomingFastCuts(const std::vector<engine::Uuid>& ids) {
+    const engine::Trim batch = batchTrim().value_or(engine::Trim{});
+    std::vector<FastCutReviewRequest::Entry> entries;
+    // Files of a review still open join the new one rather than drop out of it.
+    if (fastCutReview_) {
+        for (const FastCutReviewRequest::Entry& entry : fastCutReview_->entries) {
+            const QueueItem* row = item(entry.id);
+            if (row == nullptr || row->state.kind != QueueItem::StateKind::needsPreset) {
+                continue;
+            }
+            FastCutReviewRequest::Entry kept = entry;
+            kept.trim = row->pendingTrim.value_or(batch);
+            if (!kept.trim.isEmpty()) {
+                entries.push_back(std::move(kept));
+            }
+        }
+    }
+    const std::size_t carried = entries.size();
+    bool needsTrim = false;
+    for (const engine::Uuid& id : ids) {
+        const QueueItem* row = item(id);
+        if (row == nullptr) {
+            continue;
+        }
+        const engine::Trim trim = row->pendingTrim.value_or(batch);
+        if (trim.isEmpty()) {
+            needsTrim = true;
+            continue;
+        }
+        entries.push_back({row->id, row->source, trim, std::nullopt, std::nullopt});
+    }
+    if (needsTrim) {
+        notice(kFastCutNeedsTrim);
+    }
+    if (entries.size() > carried) {
+        publishFastCutReview(std::move(entries));
+    }
 }
 
 std::unique_ptr<FastCutReview> QueueModel::openFastCutReview(QObject* parent) {

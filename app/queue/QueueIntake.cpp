@@ -294,12 +294,16 @@ bool QueueModel::isDuplicate(const IntakeFileID& id, const std::optional<ActionI
 
 bool QueueModel::admit(std::vector<Candidate> files, const std::optional<ActionID>& action,
                        const IntakeOptions& options, bool confirmed) {
+    // Nothing is cut before the user has seen the plan: files under Fast cut are staged and
+    // reviewed, as under Convert, so a staged copy of the file is a duplicate too.
+    const bool reviewsFastCut = action && action->kind == ActionID::Kind::fastCut;
     std::vector<Candidate> kept;
     std::set<MediaFileIdentity> seen;
     std::size_t duplicates = 0;
     for (Candidate& file : files) {
         if (file.id) {
-            if (!seen.insert(file.id->file()).second || isDuplicate(*file.id, action)) {
+            if (!seen.insert(file.id->file()).second || isDuplicate(*file.id, action) ||
+                (reviewsFastCut && isDuplicate(*file.id, std::nullopt))) {
                 ++duplicates;
                 continue;
             }
@@ -345,17 +349,23 @@ bool QueueModel::admit(std::vector<Candidate> files, const std::optional<ActionI
         return true;
     }
 
-    addItems(kept, action, options.trim, options.destinationOverride,
-             options.destinationOverride.has_value());
+    if (reviewsFastCut) {
+        reviewIncomingFastCuts(addItems(kept, std::nullopt, options.trim,
+                                        options.destinationOverride,
+                                        options.destinationOverride.has_value()));
+        return true;
+    }
+    (void)addItems(kept, action, options.trim, options.destinationOverride,
+                   options.destinationOverride.has_value());
     startNext();
     return true;
 }
 
-void QueueModel::addItems(const std::vector<Candidate>& files,
-                          const std::optional<ActionID>& action,
-                          const std::optional<engine::Trim>& trim,
-                          const std::optional<std::filesystem::path>& destinationOverride,
-                          bool destinationWasOverridden) {
+std::vector<engine::Uuid> QueueModel::addItems(
+    const std::vector<Candidate>& files, const std::optional<ActionID>& action,
+    const std::optional<engine::Trim>& trim,
+    const std::optional<std::filesystem::path>& destinationOverride,
+    bool destinationWasOverridden) {
     std::optional<ActionDescriptor> descriptor;
     std::optional<JobKind> kind;
     const std::optional<engine::Trim> effectiveTrim = trim ? trim : batchTrim();
@@ -370,9 +380,12 @@ void QueueModel::addItems(const std::vector<Candidate>& files,
     }
     // One answer serves the whole batch: the override and the setting are the same for all.
     const OutputDestination::Resolution destination = destinationResolver(destinationOverride);
+    std::vector<engine::Uuid> added;
+    added.reserve(files.size());
     for (const Candidate& file : files) {
         QueueItem item;
         item.id = engine::Uuid::random();
+        added.push_back(item.id);
         item.source = file.path;
         item.sourceID = file.id;
         item.destination = destination;
@@ -397,6 +410,7 @@ void QueueModel::addItems(const std::vector<Candidate>& files,
         intakeLog().notice(fmt::format("event=\"intake staged — videos={}\"", files.size()));
     }
     emit itemsChanged();
+    return added;
 }
 
 void QueueModel::confirmPendingIntake() {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "app/queue/ConversionQueueJob.hpp"
+#include "app/queue/FramesQueueJob.hpp"
 #include "app/queue/QueueModel.hpp"
 
 namespace tessarin::app {
@@ -17,13 +18,17 @@ struct Overloaded : Cases... {
     using Cases::operator()...;
 };
 
+// The chosen folder, or nothing for next to the original.
+std::optional<std::filesystem::path> outputDirectoryOf(const QueueItem& item) {
+    return item.destination.kind == OutputDestination::Resolution::Kind::folder
+               ? std::optional(item.destination.folder)
+               : std::nullopt;
+}
+
 }  // namespace
 
 std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
-    const std::optional<std::filesystem::path> outputDirectory =
-        item.destination.kind == OutputDestination::Resolution::Kind::folder
-            ? std::optional(item.destination.folder)
-            : std::nullopt;
+    const std::optional<std::filesystem::path> outputDirectory = outputDirectoryOf(item);
     const engine::EncoderCapabilityPolicy policy = encoderCapabilityPolicy();
     auto conversion = [&](engine::MediaTask task, const engine::Preset* preset,
                           std::optional<engine::FastCut::Plan> plan) -> std::shared_ptr<QueueJob> {
@@ -63,6 +68,15 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
             [&](const JobKind::Frames&) { return fromFactory(framesJobFactory); },
         },
         item.kind->value);
+}
+
+std::shared_ptr<QueueJob> QueueModel::makeFramesJob(const QueueItem& item) const {
+    const auto* frames = item.kind ? std::get_if<JobKind::Frames>(&item.kind->value) : nullptr;
+    if (frames == nullptr || !tools_) {
+        return nullptr;
+    }
+    return std::make_shared<FramesQueueJob>(item.source, frames->options, outputDirectoryOf(item),
+                                            *tools_);
 }
 
 }  // namespace tessarin::app

@@ -112,6 +112,8 @@ QueueModel::QueueModel(std::optional<engine::Tools> tools, QObject* parent)
         return OutputDestination::Resolution::sameFolder();
     };
     transcriptionPrerequisites = [] { return TranscriptionPrerequisites{}; };
+    framesJobFactory = [this](const QueueItem& item) { return makeFramesJob(item); };
+    framesOptions = [] { return engine::FrameExtractionOptions{}; };
     folderWalker = walkFolders;
 }
 

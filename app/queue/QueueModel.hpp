@@ -1,7 +1,8 @@
 // The queue: every file from intake to result, and the one object the main window observes.
 // Files enter from drops, the file panel, the command line and links through intake(); a file is
-// started at once under an action or staged until the user chooses one. Jobs run one at a time
-// on background threads and report back through the main thread's event loop.
+// started at once under an action (under Fast cut, staged for its review) or staged until the
+// user chooses one. Jobs run one at a time on background threads and report back through the
+// main thread's event loop.
 //
 //   QueueModel queue(tools);
 //   queue.presetLookup = [&store](std::string_view id) { return store.preset(id); };
@@ -156,7 +157,8 @@ public:
 
     // Collaborators, replaceable; set them before the first intake. Defaults: the baseline
     // encoder policy, no presets but the built-ins, no hardware encoders, every destination
-    // next to its original, no transcription, no frames, the default folder walker.
+    // next to its original, no transcription, frame exports (FramesQueueJob) with the default
+    // options, the default folder walker.
     std::function<engine::EncoderCapabilityPolicy()> encoderCapabilityPolicy;
     std::function<std::optional<engine::Preset>(std::string_view id)> presetLookup;
     std::function<engine::HardwareEncoderSupport()> hardwareEncoders;
@@ -166,7 +168,11 @@ public:
         destinationResolver;
     std::function<TranscriptionPrerequisites()> transcriptionPrerequisites;
     JobFactory transcriptionJobFactory;
+    // Without a factory the Frames action is unavailable.
     JobFactory framesJobFactory;
+    // The frame-export choices of the settings, asked when a frames row starts; the row's own
+    // trim replaces the trim they carry.
+    std::function<engine::FrameExtractionOptions()> framesOptions;
     FolderWalker folderWalker;
     std::function<void(FolderResultDeliveryEvent, uint64_t generation)>
         folderResultDeliveryObserver;
@@ -205,8 +211,9 @@ public:
     [[nodiscard]] const std::optional<std::string>& intakeNotice() const { return intakeNotice_; }
     [[nodiscard]] uint64_t intakeGeneration() const { return intakeGeneration_; }
 
-    // Every way in. `urls` that aren't file URLs are skipped. Returns whether anything was
-    // taken in, staged for confirmation, or a folder scan began.
+    // Every way in. `urls` that aren't file URLs are skipped. Under Fast cut nothing starts: the
+    // files are staged and those with a trim are published for review, as by start(). Returns
+    // whether anything was taken in, staged for confirmation, or a folder scan began.
     bool intake(const QList<QUrl>& urls, const IntakeOptions& options);
     void confirmPendingIntake();
     void dismissPendingIntake();
@@ -292,10 +299,12 @@ private:
     // Steps 9 to 11 of an intake, on the main thread, after files are known.
     bool admit(std::vector<Candidate> files, const std::optional<ActionID>& action,
                const IntakeOptions& options, bool confirmed);
-    void addItems(const std::vector<Candidate>& files, const std::optional<ActionID>& action,
-                  const std::optional<engine::Trim>& trim,
-                  const std::optional<std::filesystem::path>& destinationOverride,
-                  bool destinationWasOverridden);
+    // Returns the new rows' ids, in order.
+    std::vector<engine::Uuid> addItems(
+        const std::vector<Candidate>& files, const std::optional<ActionID>& action,
+        const std::optional<engine::Trim>& trim,
+        const std::optional<std::filesystem::path>& destinationOverride,
+        bool destinationWasOverridden);
     [[nodiscard]] bool checkTranscriptionPrerequisites(bool forStart);
     [[nodiscard]] bool isDuplicate(const IntakeFileID& id,
                                    const std::optional<ActionID>& action) const;
@@ -306,11 +315,17 @@ private:
     void runItem(QueueItem& item);
     // Nothing when the kind's job can't be made here; the row then fails as unavailable.
     [[nodiscard]] std::shared_ptr<QueueJob> makeJob(const QueueItem& item);
+    // The default frames factory: a FramesQueueJob with the item's options.
+    [[nodiscard]] std::shared_ptr<QueueJob> makeFramesJob(const QueueItem& item) const;
     void finishItem(const engine::Uuid& id, std::optional<std::filesystem::path> output,
                     std::optional<engine::JobFailure> failure);
 
     // The review hand-off (QueueFastCutReview.cpp).
     void publishFastCutReview(std::vector<FastCutReviewRequest::Entry> entries);
+    // Files that came in under Fast cut, staged as rows `ids`: those with a trim are published
+    // for review together with the rows of a review still open; the others stay staged with the
+    // notice that they need a trim.
+    void reviewIncomingFastCuts(const std::vector<engine::Uuid>& ids);
 
     // What a published review was made from: the batch trim as typed and every row, in order.
     struct ReviewBasis {

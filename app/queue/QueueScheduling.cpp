@@ -18,13 +18,12 @@
 namespace tessarin::app {
 
 using queue_internal::kChooseAction;
+using queue_internal::kFastCutNeedsTrim;
 using queue_internal::queueLog;
 using queue_internal::trimLabelOf;
 
 namespace {
 
-constexpr const char* kFastCutNeedsTrim =
-    "Fix the batch trim or set this file's own trim before Fast cut.";
 constexpr const char* kActionUnavailable =
     "This action is not available in this version of Tessarin. Nothing was saved; choose "
     "another action for this file.";
@@ -148,6 +147,13 @@ void QueueModel::runItem(QueueItem& item) {
         finishItem(id, std::nullopt,
                    engine::JobFailure::sentence("destination", item.destination.sentence));
         return;
+    }
+    if (auto* frames = std::get_if<JobKind::Frames>(&item.kind->value)) {
+        // The choices of this moment in the settings, the trim of the assignment.
+        engine::FrameExtractionOptions options =
+            framesOptions ? framesOptions() : engine::FrameExtractionOptions{};
+        options.trim = frames->options.trim;
+        frames->options = std::move(options);
     }
     std::shared_ptr<QueueJob> job = makeJob(item);
     if (!job) {

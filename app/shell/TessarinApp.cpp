@@ -67,6 +67,11 @@ const std::vector<SettingsKey>& settingsKeys() {
         {"outputMode", "destinations", "where converted files go"},
         {"outputFolderBookmark", "destinations", "the chosen output folder"},
         {"outputFolderPath", "destinations", "the chosen folder's last path, for display"},
+        {"frames.mode.v1", "frames", "where frames are taken: changes or interval"},
+        {"frames.maxFrames.v1", "frames", "the frame budget, 2 to 1000; absent or 0 automatic"},
+        {"frames.maxSize.v1", "frames", "the pictures' long edge, 64 to 2576 px"},
+        {"frames.format.v1", "frames", "the pictures' format: jpeg or png"},
+        {"frames.contactSheet.v1", "frames", "whether contact sheets are drawn; on by default"},
         {"quickActionSeededGrants", "file-manager actions", "actions set up once"},
         {"didMigrateQuickActionGrantsFromOrchardine", "file-manager actions",
          "the one-time move of action grants"},
@@ -127,6 +132,7 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
                                       tools_ ? PresetStore::bundledSoftwareHEVCQuery(tools_->ffmpeg)
                                              : PresetStore::SoftwareHEVCSourceQuery{});
     outputDestination_ = std::make_unique<OutputDestination>(settings_);
+    framesSettings_ = std::make_unique<FramesSettings>(settings_);
     notifier_ = std::make_unique<DesktopNotifier>();
     queue_ = std::make_unique<QueueModel>(tools_);
 
@@ -154,6 +160,7 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
         return tools;
     };
     queue.destinationResolver = outputDestination_->destinationResolver();
+    queue.framesOptions = [this] { return framesSettings_->options(); };
     queue.isApplicationActive = environment_.isApplicationActive;
     queue.postNotification = environment_.postNotification
                                  ? environment_.postNotification

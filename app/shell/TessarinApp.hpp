@@ -25,6 +25,7 @@
 
 #include "app/destinations/OutputDestination.hpp"
 #include "app/queue/QueueModel.hpp"
+#include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/process/Tools.hpp"
@@ -99,6 +100,7 @@ public:
     [[nodiscard]] PresetStore& presetStore() { return *presetStore_; }
     [[nodiscard]] QueueModel& queue() { return *queue_; }
     [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
+    [[nodiscard]] FramesSettings& framesSettings() { return *framesSettings_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -146,6 +148,7 @@ private:
     engine::HardwareEncoderSupport hardware_;
     std::unique_ptr<PresetStore> presetStore_;
     std::unique_ptr<OutputDestination> outputDestination_;
+    std::unique_ptr<FramesSettings> framesSettings_;
     std::unique_ptr<QueueModel> queue_;
     std::unique_ptr<DesktopNotifier> notifier_;
     std::shared_ptr<MainThreadHandoff> handoff_;

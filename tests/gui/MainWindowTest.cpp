@@ -1,5 +1,5 @@
-// The main window over a real queue: drops of generated clips, real conversions with the
-// helper folder's ffmpeg, cancellation, the batch trim and the notice.
+// The main window over a real queue: drops of generated clips, real conversions and frame exports
+// with the helper folder's ffmpeg, cancellation, the batch trim and the notice.
 #include <gtest/gtest.h>
 
 #include <QApplication>
@@ -185,11 +185,45 @@ TEST_F(MainWindowTest, ADuplicateDropShowsTheNoticeUntilDismissed) {
 }
 
 TEST_F(MainWindowTest, AnUnavailableChipShowsItsReasonAndIsNotSelected) {
+    // No transcription model is set up in a fresh configuration.
+    QToolButton* transcript = window_->chips()->chip(app::ActionID::transcribe());
+    ASSERT_NE(transcript, nullptr);
+    QTest::mouseClick(transcript, Qt::LeftButton);
+    EXPECT_FALSE(core_->queue().selectedActionID().has_value());
+    EXPECT_EQ(window_->chips()->detailText(), QString(app::kNoTranscriptionModelSentence));
+}
+
+TEST_F(MainWindowTest, TheFramesChipExportsADroppedClipToAFolderShownInFolder) {
+    // Three two-second slides: red, blue, green.
+    const fs::path clip = test::makeClip(
+        "gui-slides.mp4", {"-f", "lavfi", "-i",
+                           "color=c=red:s=160x120:r=25:d=2[a];color=c=blue:s=160x120:r=25:d=2[b];"
+                           "color=c=green:s=160x120:r=25:d=2[c];[a][b][c]concat=n=3:v=1:a=0",
+                           "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"});
     QToolButton* frames = window_->chips()->chip(app::ActionID::frames());
     ASSERT_NE(frames, nullptr);
+    EXPECT_EQ(frames->text(), QString("Frames"));
     QTest::mouseClick(frames, Qt::LeftButton);
-    EXPECT_FALSE(core_->queue().selectedActionID().has_value());
-    EXPECT_EQ(window_->chips()->detailText(), QString(app::kFramesUnavailableSentence));
+    ASSERT_EQ(core_->queue().selectedActionID(), app::ActionID::frames());
+    EXPECT_TRUE(frames->isChecked());
+    EXPECT_NE(window_->chips()->detailText(), QString(app::kFramesUnavailableSentence));
+
+    test::dropOn(find("dropZone"), {stage(clip, "slides.mp4")});
+    ASSERT_TRUE(waitUntil([&] {
+        const auto& items = core_->queue().items();
+        return items.size() == 1 && items[0].isFinished();
+    }));
+    const app::QueueItem& item = core_->queue().items()[0];
+    ASSERT_EQ(item.state.kind, StateKind::done)
+        << (item.state.failure ? item.state.failure->stderrTail : "");
+    EXPECT_EQ(stateTexts(), std::vector<QString>{"Frames exported"});
+    EXPECT_EQ(item.state.output, media_.path() / "slides-frames");
+    EXPECT_TRUE(fs::is_regular_file(item.state.output / "frames.json"));
+    EXPECT_TRUE(fs::is_regular_file(item.state.output / "contact-sheet.jpg"));
+    EXPECT_TRUE(row(0)->findChild<QWidget*>("showInFolderButton")->isVisible());
+    EXPECT_FALSE(row(0)->findChild<QWidget*>("cancelButton")->isVisible());
+    EXPECT_EQ(row(0)->findChild<QLabel*>("phaseLabel")->text(), QString("slides-frames"));
+    test::screenshotAtBothScales(window_.get(), "main-frames-done");
 }
 
 TEST_F(MainWindowTest, AskEachTimeDropsGoToTheChosenFolderOrNowhere) {

@@ -1,9 +1,11 @@
 // The settings window over a real preset store and settings file: the preset editor's
-// validation and revert, the output mode, the interface scale and the About page's tool
-// versions, plus the screenshots of each tab.
+// validation and revert, the output mode, the Frames choices, the interface scale and the About
+// page's tool versions, plus the screenshots of each tab.
 #include <gtest/gtest.h>
 
 #include <QApplication>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLayout>
@@ -148,6 +150,46 @@ TEST_F(SettingsWindowTest, OutputModeAndInterfaceScaleAreStored) {
     settings_->general()->scaleField()->setValue(100);
     EXPECT_NEAR(QApplication::font().pointSizeF(), fontBefore, 0.01);
     test::screenshotAtBothScales(settings_, "settings-general");
+}
+
+TEST_F(SettingsWindowTest, TheFramesGroupStoresItsChoices) {
+    settings_->tabs()->setCurrentWidget(settings_->general());
+    GeneralSettingsPage* page = settings_->general();
+    auto* changes = page->findChild<QRadioButton*>("framesMode:changes");
+    auto* interval = page->findChild<QRadioButton*>("framesMode:interval");
+    ASSERT_NE(changes, nullptr);
+    ASSERT_NE(interval, nullptr);
+    EXPECT_EQ(changes->text(), QString("Where the picture changes"));
+    EXPECT_EQ(interval->text(), QString("Evenly spaced"));
+    // The defaults, before anything is stored.
+    EXPECT_TRUE(changes->isChecked());
+    EXPECT_EQ(page->framesBudgetField()->text(), QString("Automatic"));
+    EXPECT_EQ(page->framesMaxSizeField()->value(), 1568);
+    EXPECT_EQ(page->framesFormatField()->currentText(), QString("JPEG"));
+    EXPECT_EQ(page->contactSheetsField()->text(), QString("Contact sheets"));
+    EXPECT_TRUE(page->contactSheetsField()->isChecked());
+    EXPECT_FALSE(test::readSettingsFile(home_.standardFile()).contains("frames.mode.v1"));
+
+    interval->click();
+    page->framesBudgetField()->setValue(40);
+    page->framesMaxSizeField()->setValue(9999);
+    page->framesFormatField()->setCurrentIndex(page->framesFormatField()->findText("PNG"));
+    page->contactSheetsField()->click();
+    EXPECT_EQ(page->framesMaxSizeField()->value(), 2576);
+    const nlohmann::json stored = test::readSettingsFile(home_.standardFile());
+    EXPECT_EQ(stored["frames.mode.v1"], "interval");
+    EXPECT_EQ(stored["frames.maxFrames.v1"], 40);
+    EXPECT_EQ(stored["frames.maxSize.v1"], 2576);
+    EXPECT_EQ(stored["frames.format.v1"], "png");
+    EXPECT_EQ(stored["frames.contactSheet.v1"], false);
+    test::screenshotAtBothScales(settings_, "settings-general-frames");
+
+    // Back to the lowest value: automatic again.
+    page->framesBudgetField()->setValue(page->framesBudgetField()->minimum());
+    EXPECT_EQ(page->framesBudgetField()->text(), QString("Automatic"));
+    EXPECT_EQ(test::readSettingsFile(home_.standardFile())["frames.maxFrames.v1"], 0);
+    EXPECT_EQ(core_->framesSettings().options().maxFrames, std::nullopt);
+    EXPECT_EQ(core_->queue().framesOptions().format, engine::FrameImageFormat::png);
 }
 
 TEST_F(SettingsWindowTest, AboutShowsTheHelperToolVersions) {

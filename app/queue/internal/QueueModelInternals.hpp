@@ -29,6 +29,8 @@ struct QueueModel::RunningJob {
 namespace queue_internal {
 
 inline constexpr const char* kChooseAction = "Choose an action above, then click Convert.";
+inline constexpr const char* kFastCutNeedsTrim =
+    "Fix the batch trim or set this file's own trim before Fast cut.";
 
 // Jobs, the queue's rows and quitting.
 [[nodiscard]] const engine::Logger& queueLog();

@@ -1,7 +1,7 @@
 // The review before a fast cut, through the queue with the real tools on generated clips: a
-// Convert under Fast cut publishes a review instead of starting, the files are planned one at a
-// time, only ready plans are exported, the rest stay staged, and an outdated or closed review
-// exports nothing.
+// Convert under Fast cut, or files coming in under it, publish a review instead of starting, the
+// files are planned one at a time, only ready plans are exported, the rest stay staged, and an
+// outdated or closed review exports nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -222,6 +222,59 @@ TEST_F(FastCutReviewTest, APlanOfTheWholeVideoIsReadyOnlyWhenAccepted) {
     ASSERT_TRUE(waitFor([&] { return itemFor(talk).isFinished(); }));
     ASSERT_EQ(itemFor(talk).state.kind, Kind::done);
     EXPECT_NEAR(videoSeconds(itemFor(talk).state.output), 20.0, 0.05);
+}
+
+TEST_F(FastCutReviewTest, FilesComingInUnderASelectedFastCutAreReviewedBeforeAnyStarts) {
+    const fs::path bare = test::copyClip(test::testClip(test::TestClip::h264Aac), dir / "b.mp4");
+    const fs::path talk = test::copyClip(keyframeClip(), dir / "talk.mp4");
+    const fs::path webm = test::copyClip(test::testClip(test::TestClip::vp9Opus), dir / "w.webm");
+    const fs::path late = test::copyClip(keyframeClip(), dir / "late.mp4");
+    queue->setSelectedActionID(ActionID::fastCut());
+
+    // Without any trim there is nothing to review: the file stays staged, with the sentence.
+    ASSERT_TRUE(queue->intake(urlsOf({bare}), {}));
+    EXPECT_FALSE(queue->fastCutReview());
+    EXPECT_EQ(queue->intakeNotice(),
+              "Fix the batch trim or set this file's own trim before Fast cut.");
+    EXPECT_EQ(itemFor(bare).state.kind, Kind::needsPreset);
+
+    queue->setTrim("7", "13");
+    ASSERT_TRUE(queue->intake(urlsOf({talk, webm}), {}));
+    EXPECT_EQ(test::countIn(*queue, Kind::needsPreset), 3U);
+    EXPECT_FALSE(queue->isWorking());
+    ASSERT_TRUE(queue->fastCutReview());
+    std::vector<engine::Uuid> reviewed;
+    for (const FastCutReviewRequest::Entry& entry : queue->fastCutReview()->entries) {
+        reviewed.push_back(entry.id);
+        EXPECT_EQ(entry.trim, (engine::Trim{"7", "13"}));
+    }
+    EXPECT_EQ(reviewed, (std::vector<engine::Uuid>{itemFor(talk).id, itemFor(webm).id}));
+
+    // A file handed over while the review is open joins it; a staged one again is a duplicate.
+    ASSERT_TRUE(queue->intake(urlsOf({late}), test::external()));
+    ASSERT_TRUE(queue->fastCutReview());
+    ASSERT_EQ(queue->fastCutReview()->entries.size(), 3U);
+    EXPECT_EQ(queue->fastCutReview()->entries[2].id, itemFor(late).id);
+    EXPECT_FALSE(queue->intake(urlsOf({talk}), {}));
+    EXPECT_EQ(queue->items().size(), 4U);
+    EXPECT_FALSE(queue->isWorking());
+
+    std::unique_ptr<FastCutReview> review = plannedReview();
+    ASSERT_NE(review, nullptr);
+    EXPECT_EQ(review->plans().size(), 2U);
+    ASSERT_TRUE(review->canExport());
+    review->exportReady();
+    ASSERT_TRUE(waitFor([&] { return itemFor(talk).isFinished() && itemFor(late).isFinished(); }));
+    for (const fs::path& cut : {talk, late}) {
+        const QueueItem& row = itemFor(cut);
+        ASSERT_EQ(row.state.kind, Kind::done)
+            << (row.state.failure ? row.state.failure->stderrTail : "");
+        EXPECT_EQ(row.stateLabel(), "Fast cut");
+        EXPECT_NEAR(videoSeconds(row.state.output), 10.0, 0.05);
+    }
+    // Only the reviewed, ready files started.
+    EXPECT_EQ(itemFor(webm).state.kind, Kind::needsPreset);
+    EXPECT_EQ(itemFor(bare).state.kind, Kind::needsPreset);
 }
 
 TEST_F(FastCutReviewTest, AQueueOrTrimChangeOutdatesTheReviewAndBlocksExport) {

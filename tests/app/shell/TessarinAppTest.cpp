@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <QSignalSpy>
+#include <algorithm>
 #include <fstream>
 #include <set>
 
@@ -149,6 +150,27 @@ TEST_F(TessarinAppTest, InterfaceScaleIsStoredWithinItsRange) {
     EXPECT_EQ(test::openStore(home.standardFile())->doubleValue(kUIScaleKey), 2.0);
 }
 
+TEST_F(TessarinAppTest, TheFramesChipIsOfferedAndTheQueueAsksTheStoredChoices) {
+    test::writeSettingsFile(home.standardFile(),
+                            {{"frames.format.v1", "png"}, {"frames.maxSize.v1", "huge"}});
+    TessarinApp app(environment());
+    const std::vector<ActionDescriptor> chips = app.actionCatalog();
+    const auto frames = std::find_if(chips.begin(), chips.end(), [](const ActionDescriptor& chip) {
+        return chip.id == ActionID::frames();
+    });
+    ASSERT_NE(frames, chips.end());
+    EXPECT_EQ(frames->disabledReason, std::nullopt);
+
+    ASSERT_TRUE(app.queue().framesOptions);
+    engine::FrameExtractionOptions stored = app.queue().framesOptions();
+    EXPECT_EQ(stored.format, engine::FrameImageFormat::png);
+    EXPECT_EQ(stored.maxSize, engine::FrameExtractionOptions::kDefaultSize);
+    app.framesSettings().setContactSheet(false);
+    stored = app.queue().framesOptions();
+    EXPECT_FALSE(stored.contactSheet);
+    EXPECT_EQ(stored, app.framesSettings().options());
+}
+
 TEST(SettingsKeys, EveryKeyIsListedOnce) {
     std::set<std::string_view> seen;
     for (const SettingsKey& key : settingsKeys()) {
@@ -159,7 +181,8 @@ TEST(SettingsKeys, EveryKeyIsListedOnce) {
          {kUIScaleKey, kRecentEngineErrorsKey, std::string_view("presetOverrides"),
           std::string_view("customPresets"), std::string_view("outputMode"),
           std::string_view("outputFolderBookmark"), std::string_view("outputFolderPath"),
-          kExternalSoftwareHEVCToolchainKey, kDidMigrateFromOrchardineDefaultsKey}) {
+          kExternalSoftwareHEVCToolchainKey, kDidMigrateFromOrchardineDefaultsKey, kFramesModeKey,
+          kFramesMaxFramesKey, kFramesMaxSizeKey, kFramesFormatKey, kFramesContactSheetKey}) {
         EXPECT_TRUE(seen.contains(written)) << written;
     }
 }
