@@ -174,6 +174,10 @@ double KeyframeProbe::pick(std::string_view json, double time, double origin, Di
         !std::isfinite(time + origin)) {
         throw Failure(Failure::Kind::timing);
     }
+    // The parser stops at a NUL byte as if the input ended there; JSON never holds a raw one.
+    if (json.find('\0') != std::string_view::npos) {
+        throw Failure(Failure::Kind::timing);
+    }
     nlohmann::json output = nlohmann::json::parse(json, nullptr, /*allow_exceptions=*/false);
     if (output.is_discarded() || !output.is_object()) {
         throw Failure(Failure::Kind::timing);

@@ -177,6 +177,14 @@ TEST(KeyframeProbe, OutputThatIsNotPacketsIsATimingFailure) {
     EXPECT_EQ(pick(output(stream(0, 5, {0})), -1, 0, Direction::next), failed(Kind::timing));
 }
 
+TEST(KeyframeProbe, NulByteAfterThePacketsIsATimingFailure) {
+    std::string json = output(stream(0, 5, {0, 2}));
+    ASSERT_EQ(pick(json, 1, 0, Direction::next), at(2));
+    json.push_back('\0');
+    EXPECT_EQ(pick(json, 1, 0, Direction::next), failed(Kind::timing));
+    EXPECT_EQ(pick(json + "garbage", 1, 0, Direction::next), failed(Kind::timing));
+}
+
 TEST(KeyframeProbe, ArgumentsAskForABoundedStretchOfPackets) {
     const auto tail = [](const std::string& interval) {
         return std::vector<std::string>{"-v",
