@@ -20,9 +20,12 @@ void checkCancelled(const TranscriptionControl* control) {
 // Printable ASCII without the quote and the backslash: such text is its own escaped form, which
 // spares base64 a round through the writer.
 bool needsNoEscaping(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) {
-        return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
-    });
+    for (const char c : text) {
+        if (c < 0x20 || c >= 0x7f || c == '"' || c == '\\') {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
