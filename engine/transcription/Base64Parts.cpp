@@ -53,6 +53,17 @@ std::optional<std::string> base64Decoded(std::string_view text) {
     if (text.size() % 4 != 0) {
         return std::nullopt;
     }
+    // The decoder below is lenient about padding inside the text; only the last two may be "=".
+    for (std::size_t index = 0; index < text.size(); ++index) {
+        const char c = text[index];
+        const bool alphabet = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                              (c >= '0' && c <= '9') || c == '+' || c == '/';
+        const bool padding = c == '=' && index + 2 >= text.size() &&
+                             (index + 1 == text.size() || text.back() == '=');
+        if (!alphabet && !padding) {
+            return std::nullopt;
+        }
+    }
     std::string out(text.size() / 4 * 3, '\0');
     for (std::size_t offset = 0; offset < text.size();) {
         // Whole blocks of at most 48 KiB of text, so that int lengths never overflow.

@@ -26,8 +26,8 @@ struct TranscriptWord {
     std::string word;
     double start = 0;
     double end = 0;
-    std::optional<int> speaker;
-    std::optional<int> part;
+    std::optional<int> speaker = std::nullopt;
+    std::optional<int> part = std::nullopt;
 
     bool operator==(const TranscriptWord&) const = default;
 };
@@ -37,8 +37,8 @@ struct TranscriptSegment {
     double start = 0;
     double end = 0;
     std::string text;
-    std::optional<int> speaker;
-    std::optional<int> part;
+    std::optional<int> speaker = std::nullopt;
+    std::optional<int> part = std::nullopt;
 
     bool operator==(const TranscriptSegment&) const = default;
 };
