@@ -76,4 +76,13 @@ struct FramesRequest {
 // frames.json and a contact sheet, one file at a time.
 int runFrames(const FramesRequest& request);
 
+struct TranscribeModelsRequest {
+    bool refresh = false;  // fetch the service's model list even when the stored one is fresh
+    bool json = false;
+};
+
+// `tessarin transcribe models`: the roster of transcription models with each one's route, price
+// unit and whether it is enabled. Needs OPENROUTER_API_KEY.
+int runTranscribeModels(const TranscribeModelsRequest& request);
+
 }  // namespace tessarin::cli

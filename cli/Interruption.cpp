@@ -29,7 +29,9 @@ template <typename Target>
 std::function<void()> cancelling(const std::shared_ptr<Target>& target) {
     return [weak = std::weak_ptr<Target>(target)] {
         if (const std::shared_ptr<Target> alive = weak.lock()) {
-            if constexpr (std::is_same_v<Target, engine::FrameExtractionJob>) {
+            if constexpr (std::is_same_v<Target, engine::TranscriptionControl>) {
+                alive->cancel();
+            } else if constexpr (std::is_same_v<Target, engine::FrameExtractionJob>) {
                 alive->cancel();
             } else {
                 alive->cancel(engine::ConversionJob::kUserCancelGrace);
@@ -66,6 +68,10 @@ void Interruption::watch(const std::shared_ptr<engine::FrameExtractionJob>& job)
 
 void Interruption::watch(const std::shared_ptr<engine::ProcessRunner>& runner) {
     install(cancelling(runner));
+}
+
+void Interruption::watch(const std::shared_ptr<engine::TranscriptionControl>& control) {
+    install(cancelling(control));
 }
 
 void Interruption::install(std::function<void()> cancel) {

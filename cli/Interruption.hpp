@@ -11,6 +11,7 @@
 #include "engine/frames/FrameExtractionJob.hpp"
 #include "engine/job/ConversionJob.hpp"
 #include "engine/process/ProcessRunner.hpp"
+#include "engine/transcription/TranscriptionControl.hpp"
 
 namespace tessarin::cli {
 
@@ -29,6 +30,8 @@ public:
     void watch(const std::shared_ptr<engine::FrameExtractionJob>& job);
     // The same for a tool run outside a job (a probe, a plan, the copy that joins cuts).
     void watch(const std::shared_ptr<engine::ProcessRunner>& runner);
+    // The same for requests to the transcription service.
+    void watch(const std::shared_ptr<engine::TranscriptionControl>& control);
 
     [[nodiscard]] bool interrupted() const { return interrupted_.load(); }
 

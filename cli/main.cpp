@@ -8,7 +8,8 @@
 namespace {
 
 constexpr const char* kExitStatusHelp =
-    "Exit status: 0 all done, 1 a file failed, 2 bad command line, 3 ffmpeg/ffprobe/gifsicle "
+    "Exit status: 0 all done, 1 a file failed (or the transcription service refused), 2 bad "
+    "command line (or no OPENROUTER_API_KEY), 3 ffmpeg/ffprobe/gifsicle "
     "not found, 4 cuts planned but not confirmed (nothing written), 130 cancelled.\n"
     "The tools are taken from CONVERTER_TOOLS_DIR when it is set, otherwise from the helper "
     "folder beside this program (../libexec/tessarin).";
@@ -108,6 +109,16 @@ int main(int argc, char** argv) {
     addOutputOptions(*framesCommand, frames.outputDirectory, frames.json, frames.files,
                      "Videos to read");
 
+    TranscribeModelsRequest transcribeModels;
+    CLI::App* transcribe =
+        app.add_subcommand("transcribe", "Transcription with OpenRouter (needs OPENROUTER_API_KEY)");
+    transcribe->require_subcommand(1);
+    CLI::App* models = transcribe->add_subcommand(
+        "models", "List the transcription models: route, price unit, enabled");
+    models->add_flag("--refresh", transcribeModels.refresh,
+                     "Fetch the model list again even when the stored one is less than a day old");
+    models->add_flag("--json", transcribeModels.json, "One JSON object per event on stdout");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -134,6 +145,9 @@ int main(int argc, char** argv) {
     }
     if (*framesCommand) {
         return runFrames(frames);
+    }
+    if (*transcribe) {
+        return runTranscribeModels(transcribeModels);
     }
     return runExtractAudio(extract);
 }

@@ -8,13 +8,14 @@ packages=(
   cmake ninja-build g++ pkg-config
   # libraries
   nlohmann-json3-dev libfmt-dev libcli11-dev libsystemd-dev libssl-dev libacl1-dev libicu-dev
-  uuid-dev libvips-dev fonts-dejavu-core
+  uuid-dev libvips-dev fonts-dejavu-core libcurl4-openssl-dev
   # application core (QtCore models)
   qt6-base-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
   # a decimal-comma locale, to show that numbers never follow the user's locale
   locales-all
+  libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth openssl python3 curl
   # fuzz targets: clang with its libFuzzer and sanitizer runtimes
   clang libclang-rt-14-dev
   # runtime: the media tools run as child processes
