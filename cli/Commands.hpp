@@ -76,4 +76,15 @@ struct FramesRequest {
 // frames.json and a contact sheet, one file at a time.
 int runFrames(const FramesRequest& request);
 
+struct RecordingsRequest {
+    enum class Action { list, recover, discard };
+    Action action = Action::list;
+    std::string take;  // an id or folder name; empty: every unfinished take (recover)
+    bool json = false;
+};
+
+// `tessarin recordings list|recover [TAKE]|discard TAKE`: unfinished screen recordings, listed,
+// saved to their recording folder, or moved to the Trash.
+int runRecordings(const RecordingsRequest& request);
+
 }  // namespace tessarin::cli
