@@ -5,7 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <atomic>
 #include <cmath>
+#include <exception>
+#include <future>
 
 #include "engine/clips/Uuid.hpp"
 #include "engine/log/Log.hpp"
@@ -26,6 +29,7 @@ namespace {
 // Each seam of the concat demuxer may add up to one audio frame where the longer stream of a
 // segment ran on; a truncated fragment may end on a partial one.
 constexpr double kSeamToleranceSeconds = 0.1;
+constexpr std::size_t kScanWorkers = 4;
 
 const Logger& log() {
     static const Logger logger("com.tessarin.recording", "take");
@@ -160,6 +164,101 @@ bool removeTakeFolder(const fs::path& directory, int folderFd) {
     return ::rmdir(directory.c_str()) == 0 || errno == ENOENT;
 }
 
+// Scans every segment: one that ffprobe can't open or that has no readable video is
+// unreadablePart with its number, counted from 1 (the first such number when there are several).
+// Scans run kScanWorkers at a time, since each is mostly a tool's start-up.
+std::vector<SegmentScan> scanAll(const std::vector<RecordingSegment>& segments,
+                                 const RecordingWork& work) {
+    std::vector<std::optional<SegmentScan>> scans(segments.size());
+    std::atomic<std::size_t> next{0};
+    const auto worker = [&] {
+        for (std::size_t index = next++; index < segments.size(); index = next++) {
+            checkCancelled(work);
+            scans[index] = scanSegment(segments[index].path, work);
+        }
+    };
+    std::vector<std::future<void>> workers;
+    for (std::size_t count = 1; count < std::min(kScanWorkers, segments.size()); ++count) {
+        workers.push_back(std::async(std::launch::async, worker));
+    }
+    std::exception_ptr failure;
+    try {
+        worker();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    for (std::future<void>& running : workers) {
+        try {
+            running.get();
+        } catch (...) {
+            failure = failure ? failure : std::current_exception();
+        }
+    }
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+    std::vector<SegmentScan> result;
+    for (std::size_t index = 0; index < scans.size(); ++index) {
+        const std::optional<SegmentScan>& scan = scans[index];
+        if (!scan || scan->videoStreams == 0 || !scan->videoSeconds) {
+            throw RecordingError::unreadablePart(static_cast<int64_t>(index) + 1);
+        }
+        result.push_back(*scan);
+    }
+    return result;
+}
+
+void discardJoined(int folder, const fs::path& joined, std::size_t segments) {
+    ::unlinkat(folder, joined.filename().c_str(), 0);
+    log().notice(KeyValues()
+                     .add("event", "joinRefused")
+                     .add("segments", static_cast<int64_t>(segments))
+                     .str());
+}
+
+// Joins two or more segments into `joined` and checks the result against the segments: the
+// scans run beside the join (both only read the segments), and nothing joined is kept unless
+// every segment is readable, all have the same audio tracks, and the joined video lasts as long
+// as their readable parts together.
+void joinChecked(const std::vector<RecordingSegment>& segments, const fs::path& joined,
+                 int folder, const RecordingWork& work, std::optional<int64_t> expectedAudio) {
+    checkCancelled(work);
+    std::future<std::vector<SegmentScan>> scanning =
+        std::async(std::launch::async, [&segments, &work] { return scanAll(segments, work); });
+    bool joinedOk = false;
+    try {
+        joinedOk = concatenateSegments(joined.parent_path(), segments, joined, work);
+    } catch (...) {
+        scanning.wait();
+        ::unlinkat(folder, joined.filename().c_str(), 0);
+        throw;
+    }
+    std::vector<SegmentScan> scans;
+    try {
+        scans = scanning.get();
+    } catch (...) {
+        ::unlinkat(folder, joined.filename().c_str(), 0);
+        throw;
+    }
+    double expected = 0;
+    for (const SegmentScan& scan : scans) {
+        if (scan.audioStreams != scans.front().audioStreams ||
+            (expectedAudio && scan.audioStreams != *expectedAudio)) {
+            discardJoined(folder, joined, segments.size());
+            throw RecordingError(Case::incompatibleSegments);
+        }
+        expected += *scan.videoSeconds;
+    }
+    // The joined file is an ordinary MP4 whose video duration is the sum of its samples.
+    const std::optional<MediaInfo> info = joinedOk ? probeJoined(joined, work) : std::nullopt;
+    const double slack = kSeamToleranceSeconds * static_cast<double>(segments.size());
+    if (!info || !info->videoCodec || audioTrackCount(*info) != scans.front().audioStreams ||
+        !info->videoDuration || std::abs(*info->videoDuration - expected) > slack) {
+        discardJoined(folder, joined, segments.size());
+        throw RecordingError(Case::incompatibleSegments);
+    }
+}
+
 }  // namespace
 
 RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
@@ -184,18 +283,10 @@ RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
         if (static_cast<int64_t>(segments.size()) < startedSegments) {
             throw RecordingError(Case::missingSegments);
         }
-        std::vector<int64_t> audioCounts;
-        for (std::size_t index = 0; index < segments.size(); ++index) {
-            checkCancelled(work);
-            const std::optional<MediaInfo> info = probeSegment(segments[index].path, work);
-            if (!info || !info->videoCodec) {
-                throw RecordingError::unreadablePart(static_cast<int64_t>(index) + 1);
-            }
-            audioCounts.push_back(audioTrackCount(*info));
-        }
         result.parts = static_cast<int64_t>(segments.size());
         const fs::path joined = directory / ("joined-" + Uuid::random().text() + ".mp4");
         if (segments.size() == 1) {
+            (void)scanAll(segments, work);
             // A second name for the segment, so that publishing copies it and the segment itself
             // stays until the take is published.
             if (::linkat(folder, segments.front().path.filename().c_str(), folder,
@@ -203,32 +294,7 @@ RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
                 throw posixError(errno, "link segment");
             }
         } else {
-            for (const int64_t count : audioCounts) {
-                if (count != audioCounts.front() ||
-                    (expectedAudioTrackCount && count != *expectedAudioTrackCount)) {
-                    throw RecordingError(Case::incompatibleSegments);
-                }
-            }
-            double expected = 0;
-            for (const RecordingSegment& segment : segments) {
-                expected += readableSeconds(segment.path, work).value_or(0);
-            }
-            checkCancelled(work);
-            const bool joinedOk = concatenateSegments(directory, segments, joined, work);
-            const std::optional<MediaInfo> info =
-                joinedOk ? probeSegment(joined, work) : std::nullopt;
-            const std::optional<double> length =
-                info ? readableSeconds(joined, work) : std::nullopt;
-            const double slack = kSeamToleranceSeconds * static_cast<double>(segments.size());
-            if (!info || !info->videoCodec || audioTrackCount(*info) != audioCounts.front() ||
-                !length || std::abs(*length - expected) > slack) {
-                ::unlinkat(folder, joined.filename().c_str(), 0);
-                log().notice(KeyValues()
-                                 .add("event", "joinRefused")
-                                 .add("segments", static_cast<int64_t>(segments.size()))
-                                 .str());
-                throw RecordingError(Case::incompatibleSegments);
-            }
+            joinChecked(segments, joined, folder, work, expectedAudioTrackCount);
         }
         checkCancelled(work);
         try {

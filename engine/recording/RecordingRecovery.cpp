@@ -82,7 +82,9 @@ std::vector<UnfinishedTake> findUnfinishedTakes(const fs::path& root,
             if (work != nullptr) {
                 double total = 0;
                 for (const RecordingSegment& segment : segments) {
-                    total += readableSeconds(segment.path, *work).value_or(0);
+                    if (const auto scan = scanSegment(segment.path, *work)) {
+                        total += scan->videoSeconds.value_or(0);
+                    }
                 }
                 take.recoverableSeconds = total;
             }

@@ -48,10 +48,10 @@ int64_t audioTrackCount(const MediaInfo& info) {
                          [](const MediaTrack& track) { return track.kind == "audio"; });
 }
 
-std::optional<MediaInfo> probeSegment(const fs::path& segment, const RecordingWork& work) {
+std::optional<MediaInfo> probeJoined(const fs::path& file, const RecordingWork& work) {
     const auto runner = watchedRunner(work);
     try {
-        return MediaProbe::probe(segment, work.tools, MediaInputPolicy::unrestricted, *runner);
+        return MediaProbe::probe(file, work.tools, MediaInputPolicy::unrestricted, *runner);
     } catch (const MediaProbeError& error) {
         if (error.kind == MediaProbeError::Kind::cancelled) {
             throw posixError(ECANCELED, "probe");
@@ -60,13 +60,26 @@ std::optional<MediaInfo> probeSegment(const fs::path& segment, const RecordingWo
     }
 }
 
-std::optional<double> readableSeconds(const fs::path& segment, const RecordingWork& work) {
+std::optional<SegmentScan> scanSegment(const fs::path& file, const RecordingWork& work) {
     const auto runner = watchedRunner(work);
+    SegmentScan scan;
+    bool opened = false;
     std::optional<double> first;
     std::optional<double> end;
-    // One line per packet, "pts_time,duration_time"; only the running bounds are kept, so a take
-    // of hours costs no memory.
+    // "packet,<type>,<pts_time>,<duration_time>" per packet, then "stream,<type>" per stream.
+    // Only the running bounds are kept, so a take of hours costs no memory.
     const auto onLine = [&](std::string_view line) {
+        if (line.starts_with("stream,")) {
+            opened = true;
+            const std::string_view type = line.substr(7);
+            scan.videoStreams += type == "video" ? 1 : 0;
+            scan.audioStreams += type == "audio" ? 1 : 0;
+            return;
+        }
+        if (!line.starts_with("packet,video,")) {
+            return;
+        }
+        line.remove_prefix(13);
         const std::size_t comma = line.find(',');
         const std::optional<double> pts = parseSeconds(line.substr(0, comma));
         if (!pts) {
@@ -82,11 +95,11 @@ std::optional<double> readableSeconds(const fs::path& segment, const RecordingWo
     };
     ProcessResult result;
     try {
-        result = runner->runLines(
-            work.tools.ffprobe,
-            {"-v", "error", "-select_streams", "v:0", "-show_entries", "packet=pts_time,duration_time",
-             "-of", "csv=p=0", segment.string()},
-            kPacketScanTimeout, std::nullopt, onLine);
+        result = runner->runLines(work.tools.ffprobe,
+                                  {"-v", "error", "-show_entries",
+                                   "stream=codec_type:packet=codec_type,pts_time,duration_time",
+                                   "-of", "csv=p=1", file.string()},
+                                  kPacketScanTimeout, std::nullopt, onLine);
     } catch (const LaunchError&) {
         return std::nullopt;
     }
@@ -95,10 +108,13 @@ std::optional<double> readableSeconds(const fs::path& segment, const RecordingWo
     }
     // ffprobe reports the damage of a truncated segment as an error after the readable packets;
     // what was read stands.
-    if (result.timedOut || !first || !end) {
+    if (result.timedOut || !opened) {
         return std::nullopt;
     }
-    return *end - *first;
+    if (first && end) {
+        scan.videoSeconds = *end - *first;
+    }
+    return scan;
 }
 
 bool concatenateSegments(const fs::path& folder, const std::vector<RecordingSegment>& segments,

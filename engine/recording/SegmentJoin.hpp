@@ -12,16 +12,19 @@
 
 namespace tessarin::engine {
 
-// The facts of one segment, or nothing when ffprobe can't read it. Throws std::system_error
-// (ECANCELED) when the run was cancelled.
-[[nodiscard]] std::optional<MediaInfo> probeSegment(const std::filesystem::path& segment,
-                                                    const RecordingWork& work);
+// What one ffprobe run reads from a segment: its streams, and the span of its video packets
+// from the first one's time to the end of the last whole or partial one. A segment cut short by
+// a crash ends at what can still be read.
+struct SegmentScan {
+    int64_t videoStreams = 0;
+    int64_t audioStreams = 0;
+    std::optional<double> videoSeconds;  // nothing when no video packet could be read
+};
 
-// Seconds of video that can be read from `segment`: from the first video packet's time to the
-// end of the last whole one. Nothing when no packet can be read. Throws std::system_error
-// (ECANCELED) when cancelled.
-[[nodiscard]] std::optional<double> readableSeconds(const std::filesystem::path& segment,
-                                                    const RecordingWork& work);
+// Scans `file` with ffprobe (streams and packet times, no decoding). Nothing when ffprobe can't
+// open it. Throws std::system_error (ECANCELED) when the run was cancelled.
+[[nodiscard]] std::optional<SegmentScan> scanSegment(const std::filesystem::path& file,
+                                                     const RecordingWork& work);
 
 // Joins `segments` (in `folder`, by name) into `output` with the concat demuxer and stream copy,
 // writing the list as a hidden work file in `folder` and removing it afterwards. False when
@@ -33,5 +36,10 @@ namespace tessarin::engine {
 
 // The number of audio tracks in `info`.
 [[nodiscard]] int64_t audioTrackCount(const MediaInfo& info);
+
+// The facts of a joined file from the media probe, or nothing when it can't be read. Throws
+// std::system_error (ECANCELED) when cancelled.
+[[nodiscard]] std::optional<MediaInfo> probeJoined(const std::filesystem::path& file,
+                                                   const RecordingWork& work);
 
 }  // namespace tessarin::engine
