@@ -84,5 +84,15 @@ struct TranscribeModelsRequest {
 // `tessarin transcribe models`: the roster of transcription models with each one's route, price
 // unit and whether it is enabled. Needs OPENROUTER_API_KEY.
 int runTranscribeModels(const TranscribeModelsRequest& request);
+struct RecordingsRequest {
+    enum class Action { list, recover, discard };
+    Action action = Action::list;
+    std::string take;  // an id or folder name; empty: every unfinished take (recover)
+    bool json = false;
+};
+
+// `tessarin recordings list|recover [TAKE]|discard TAKE`: unfinished screen recordings, listed,
+// saved to their recording folder, or moved to the Trash.
+int runRecordings(const RecordingsRequest& request);
 
 }  // namespace tessarin::cli

@@ -119,6 +119,22 @@ int main(int argc, char** argv) {
                      "Fetch the model list again even when the stored one is less than a day old");
     models->add_flag("--json", transcribeModels.json, "One JSON object per event on stdout");
 
+    RecordingsRequest recordings;
+    CLI::App* recordingsCommand = app.add_subcommand(
+        "recordings", "Unfinished screen recordings left by a crash: list, recover or discard");
+    recordingsCommand->require_subcommand(1);
+    CLI::App* listRecordings =
+        recordingsCommand->add_subcommand("list", "List unfinished recordings");
+    listRecordings->add_flag("--json", recordings.json, "One JSON object per recording on stdout");
+    CLI::App* recoverRecordings = recordingsCommand->add_subcommand(
+        "recover", "Save unfinished recordings (all, or one) to their recording folder");
+    recoverRecordings->add_option("TAKE", recordings.take, "A recording id from `list`");
+    recoverRecordings->add_flag("--json", recordings.json, "One JSON object per event on stdout");
+    CLI::App* discardRecording = recordingsCommand->add_subcommand(
+        "discard", "Move one unfinished recording to the Trash");
+    discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")
+        ->required();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -148,6 +164,13 @@ int main(int argc, char** argv) {
     }
     if (*transcribe) {
         return runTranscribeModels(transcribeModels);
+    }
+    if (*recordingsCommand) {
+        using Action = RecordingsRequest::Action;
+        recordings.action = *recoverRecordings ? Action::recover
+                            : *discardRecording ? Action::discard
+                                                : Action::list;
+        return runRecordings(recordings);
     }
     return runExtractAudio(extract);
 }

@@ -17,6 +17,7 @@
 #include "gui/ActionChips.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
+#include "gui/RecordingRecoveryDialog.hpp"
 #include "gui/NoticeBanner.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
@@ -62,6 +63,8 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
 
     notice_ = new NoticeBanner(central);
     connect(notice_, &NoticeBanner::dismissed, &queue_, &app::QueueModel::dismissNotice);
+    connect(&app_.recordingRecovery(), &app::RecordingRecoveryModel::takesChanged, this,
+            &MainWindow::offerRecordingRecovery);
     connect(&queue_, &app::QueueModel::intakeNoticeChanged, this,
             [this] { notice_->setText(qs(queue_.intakeNotice().value_or(std::string()))); });
     layout->addWidget(notice_);
@@ -277,6 +280,20 @@ void MainWindow::showPendingIntake() {
                 dialog->close();
             });
     dialog->open();
+}
+
+RecordingRecoveryDialog* MainWindow::recordingRecoveryDialog() const {
+    return recoveryDialog_;
+}
+
+void MainWindow::offerRecordingRecovery() {
+    app::RecordingRecoveryModel& model = app_.recordingRecovery();
+    if (recoveryDialog_ || model.postponed() || model.unfinishedTakes().empty()) {
+        return;
+    }
+    recoveryDialog_ = new RecordingRecoveryDialog(model, this);
+    recoveryDialog_->setAttribute(Qt::WA_DeleteOnClose);
+    recoveryDialog_->open();
 }
 
 FastCutReviewDialog* MainWindow::fastCutReviewDialog() const {

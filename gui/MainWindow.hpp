@@ -24,6 +24,7 @@ class DropZone;
 class FastCutReviewDialog;
 class NoticeBanner;
 class QueueList;
+class RecordingRecoveryDialog;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -45,6 +46,8 @@ public:
     [[nodiscard]] QMessageBox* pendingIntakeDialog() const { return pendingDialog_; }
     // The review of a fast cut while it is open.
     [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
+    // The offer to recover unfinished recordings while it is open.
+    [[nodiscard]] RecordingRecoveryDialog* recordingRecoveryDialog() const;
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -55,6 +58,7 @@ private:
     void removeFocusedRow();
     void showPendingIntake();
     void showFastCutReview();
+    void offerRecordingRecovery();
     void updateTrim();
     void updateButtons();
 
@@ -73,6 +77,7 @@ private:
     QPointer<QMessageBox> pendingDialog_;
     QPointer<FastCutReviewDialog> fastCutDialog_;
     QPointer<SettingsWindow> settingsWindow_;
+    QPointer<RecordingRecoveryDialog> recoveryDialog_;
 };
 
 }  // namespace tessarin::gui

@@ -20,6 +20,8 @@ packages=(
   clang libclang-rt-14-dev
   # runtime: the media tools run as child processes
   ffmpeg gifsicle
+  # runtime: the user's videos folder for recordings (xdg-user-dir)
+  xdg-user-dirs
 )
 
 missing=()

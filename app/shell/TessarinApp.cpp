@@ -115,6 +115,11 @@ TessarinApp::Environment TessarinApp::Environment::standard() {
     environment.probeHardware = [](const engine::Tools& tools) {
         return engine::HardwareEncoderProbe{}.probe(tools.ffmpeg);
     };
+    try {
+        environment.recordingRoot = engine::RecordingNamespace::recordingRoot();
+    } catch (const std::exception&) {
+        appLog().error("event=\"no recording root\"");
+    }
     return environment;
 }
 
@@ -135,6 +140,8 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
     framesSettings_ = std::make_unique<FramesSettings>(settings_);
     notifier_ = std::make_unique<DesktopNotifier>();
     queue_ = std::make_unique<QueueModel>(tools_);
+    recordingRecovery_ = std::make_unique<RecordingRecoveryModel>(
+        settings_, environment_.recordingRoot.value_or(std::filesystem::path()), tools_);
 
     QueueModel& queue = *queue_;
     queue.encoderCapabilityPolicy = [this] { return presetStore_->encoderPolicy(); };
@@ -176,6 +183,7 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
 TessarinApp::~TessarinApp() {
     handoff_->detach();
     queue_.reset();
+    recordingRecovery_.reset();
     (void)handoff_->waitUntilIdle(std::chrono::seconds(15));
 }
 
@@ -200,6 +208,9 @@ void TessarinApp::launch() {
     if (!tools_) {
         appLog().error("event=\"engine tools unavailable\"");
         return;
+    }
+    if (environment_.recordingRoot) {
+        recordingRecovery_->scan();
     }
     if (environment_.probeHardware) {
         handoff_->start([this, probe = environment_.probeHardware, tools = *tools_] {

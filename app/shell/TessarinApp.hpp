@@ -25,6 +25,7 @@
 
 #include "app/destinations/OutputDestination.hpp"
 #include "app/queue/QueueModel.hpp"
+#include "app/recording/RecordingRecoveryModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
@@ -78,6 +79,9 @@ public:
         // file-manager action registrar.
         std::function<bool()> publishHandoffSocket;
         std::function<void()> startQuickActionRegistrar;
+        // The recording root whose unfinished takes are offered for recovery at launch. Empty:
+        // none are looked for.
+        std::optional<std::filesystem::path> recordingRoot;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -92,7 +96,7 @@ public:
     TessarinApp& operator=(const TessarinApp&) = delete;
 
     // The launch sequence: the handoff socket, the launch log line, the bookmark refresh, the
-    // hardware probe, the action registrar.
+    // action registrar, the search for unfinished recordings, the hardware probe.
     // The models stand from construction on.
     void launch();
 
@@ -101,6 +105,7 @@ public:
     [[nodiscard]] QueueModel& queue() { return *queue_; }
     [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
     [[nodiscard]] FramesSettings& framesSettings() { return *framesSettings_; }
+    [[nodiscard]] RecordingRecoveryModel& recordingRecovery() { return *recordingRecovery_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -150,6 +155,7 @@ private:
     std::unique_ptr<OutputDestination> outputDestination_;
     std::unique_ptr<FramesSettings> framesSettings_;
     std::unique_ptr<QueueModel> queue_;
+    std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
     std::unique_ptr<DesktopNotifier> notifier_;
     std::shared_ptr<MainThreadHandoff> handoff_;
 };

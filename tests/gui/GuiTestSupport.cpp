@@ -15,7 +15,8 @@
 
 namespace tessarin::test {
 
-std::unique_ptr<app::TessarinApp> makeApp(const ConfigHome& home, bool withTools) {
+std::unique_ptr<app::TessarinApp> makeApp(const ConfigHome& home, bool withTools,
+                                          const std::optional<std::filesystem::path>& recordingRoot) {
     app::TessarinApp::Environment environment;
     environment.settings = openStore(home.standardFile());
     if (withTools) {
@@ -24,6 +25,7 @@ std::unique_ptr<app::TessarinApp> makeApp(const ConfigHome& home, bool withTools
     }
     environment.isApplicationActive = [] { return true; };
     environment.postNotification = [](const std::string&, const std::string&) {};
+    environment.recordingRoot = recordingRoot;
     auto core = std::make_unique<app::TessarinApp>(std::move(environment));
     core->launch();
     return core;

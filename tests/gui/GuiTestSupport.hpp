@@ -23,8 +23,10 @@ namespace tessarin::test {
 
 // A TessarinApp over `home`'s settings, with the helper folder's tools (or none), no hardware
 // probe and notifications dropped.
-[[nodiscard]] std::unique_ptr<app::TessarinApp> makeApp(const ConfigHome& home,
-                                                        bool withTools = true);
+// With `recordingRoot`, unfinished takes there are offered at launch.
+[[nodiscard]] std::unique_ptr<app::TessarinApp> makeApp(
+    const ConfigHome& home, bool withTools = true,
+    const std::optional<std::filesystem::path>& recordingRoot = std::nullopt);
 
 // Runs the event loop until `condition` holds; false after `limit`.
 [[nodiscard]] bool waitUntil(const std::function<bool()>& condition,
