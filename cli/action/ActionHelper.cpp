@@ -66,25 +66,17 @@ bool readFully(int fd, char* buffer, std::size_t size) {
 
 }  // namespace
 
-bool isListening(const std::filesystem::path& socketPath) {
-    const std::optional<int> fd = connectTo(socketPath);
-    if (!fd) {
-        return false;
-    }
-    ::close(*fd);
-    return true;
-}
-
-std::optional<engine::IntakeHandoffResponse> handOver(const std::filesystem::path& socketPath,
-                                                      const engine::IntakeHandoffRequest& request,
-                                                      std::chrono::milliseconds limit) {
+HandOverResult handOver(const std::filesystem::path& socketPath,
+                        const engine::IntakeHandoffRequest& request,
+                        std::chrono::milliseconds limit) {
     const std::optional<std::string> out =
         engine::frame(engine::encodeRequest(request), engine::kHandoffRequestLimit);
     const std::optional<int> fd = out ? connectTo(socketPath) : std::nullopt;
     if (!fd) {
-        return std::nullopt;
+        return {};
     }
     const Socket socket(*fd);
+    HandOverResult result{true, std::nullopt};
     timeval value{};
     value.tv_sec = static_cast<time_t>(limit.count() / 1000);
     value.tv_usec = static_cast<suseconds_t>((limit.count() % 1000) * 1000);
@@ -98,26 +90,27 @@ std::optional<engine::IntakeHandoffResponse> handOver(const std::filesystem::pat
             continue;
         }
         if (count <= 0) {
-            return std::nullopt;
+            return result;
         }
         sent += static_cast<std::size_t>(count);
     }
     char header[4];
     if (!readFully(socket.fd(), header, sizeof header)) {
-        return std::nullopt;
+        return result;
     }
     const uint32_t length = (uint32_t{static_cast<unsigned char>(header[0])} << 24) |
                             (uint32_t{static_cast<unsigned char>(header[1])} << 16) |
                             (uint32_t{static_cast<unsigned char>(header[2])} << 8) |
                             uint32_t{static_cast<unsigned char>(header[3])};
     if (length == 0 || length > engine::kHandoffResponseLimit) {
-        return std::nullopt;
+        return result;
     }
     std::string body(length, '\0');
     if (!readFully(socket.fd(), body.data(), body.size())) {
-        return std::nullopt;
+        return result;
     }
-    return engine::decodeResponse(body);
+    result.response = engine::decodeResponse(body);
+    return result;
 }
 
 }  // namespace tessarin::cli

@@ -10,14 +10,15 @@
 
 namespace tessarin::cli {
 
-// Connects to `socketPath`, sends `request` and reads the answer. Nothing when the socket can't
-// be reached or the server closed without answering (it never says why). Blocks at most about
-// `limit` per step.
-[[nodiscard]] std::optional<engine::IntakeHandoffResponse> handOver(
-    const std::filesystem::path& socketPath, const engine::IntakeHandoffRequest& request,
-    std::chrono::milliseconds limit);
+struct HandOverResult {
+    bool reached = false;  // a connection was made
+    std::optional<engine::IntakeHandoffResponse> response;  // nothing: closed without an answer
+};
 
-// Whether something listens at `socketPath`.
-[[nodiscard]] bool isListening(const std::filesystem::path& socketPath);
+// Connects to `socketPath`, sends `request` and reads the answer. The server never says why it
+// refuses: it closes without a frame. Blocks at most about `limit` per step.
+[[nodiscard]] HandOverResult handOver(const std::filesystem::path& socketPath,
+                                      const engine::IntakeHandoffRequest& request,
+                                      std::chrono::milliseconds limit);
 
 }  // namespace tessarin::cli

@@ -94,28 +94,30 @@ int main(int argc, char** argv) {
     }
     const fs::path socket = fs::path(runtime) / "tessarin" / "s";
 
-    if (!tessarin::cli::isListening(socket)) {
-        if (!startGui({})) {
-            fmt::print(stderr, "tessarin-action: could not start {}\n", guiProgram().string());
-            return 1;
-        }
-        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
-        while (!tessarin::cli::isListening(socket) && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
-    }
-
     tessarin::engine::IntakeHandoffRequest request;
     request.presetID = std::string(action->presetID);
     request.fileCount = static_cast<int64_t>(files.size());
     request.files = files;
     request.actionKind = std::string(tessarin::engine::text(action->kind));
     request.requestID = tessarin::engine::Uuid::random().text();
-    // One retry with the same request id: the server answers a repeat the same way.
-    std::optional<tessarin::engine::IntakeHandoffResponse> response;
-    for (int attempt = 0; attempt < 2 && !response; ++attempt) {
-        response = tessarin::cli::handOver(socket, request, kStepLimit);
+    tessarin::cli::HandOverResult result = tessarin::cli::handOver(socket, request, kStepLimit);
+    if (!result.reached) {
+        // No window runs: start one and wait for its socket.
+        if (!startGui({})) {
+            fmt::print(stderr, "tessarin-action: could not start {}\n", guiProgram().string());
+            return 1;
+        }
+        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
+        while (!result.reached && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            result = tessarin::cli::handOver(socket, request, kStepLimit);
+        }
     }
+    // One retry with the same request id: the server answers a repeat the same way.
+    if (result.reached && !result.response) {
+        result = tessarin::cli::handOver(socket, request, kStepLimit);
+    }
+    const std::optional<tessarin::engine::IntakeHandoffResponse>& response = result.response;
     if (response && response->nonce && response->delivered.value_or(false)) {
         return 0;
     }
