@@ -205,15 +205,15 @@ std::optional<URLComponents> components(std::string_view url) {
 
 using FileIdentity = std::tuple<dev_t, ino_t, dev_t, ino_t>;
 
-// The path with its links resolved, or the path itself when it can't be resolved (it is then
-// skipped by the lstat that follows).
-std::string resolvedPath(const std::string& path) {
+// The path with its links resolved, or nothing when the kernel can't resolve it (then it can't be
+// examined either). No lexical shortcut: "/missing/../tmp" is not "/tmp" to the kernel.
+std::optional<std::string> resolvedPath(const std::string& path) {
     std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
                                                          &std::free);
     if (!resolved) {
-        return std::filesystem::path(path).lexically_normal().string();
+        return std::nullopt;
     }
-    return resolved.get();
+    return std::string(resolved.get());
 }
 
 URLIntakeRejectReason reject(URLIntakeRejectReason::Kind kind,
@@ -366,7 +366,11 @@ URLIntakeParseResult parseIntakeURL(std::string_view url,
         if (!candidate.starts_with('/') || candidate.find('\0') != std::string::npos) {
             continue;
         }
-        const std::string path = resolvedPath(candidate);
+        const std::optional<std::string> resolved = resolvedPath(candidate);
+        if (!resolved) {
+            continue;
+        }
+        const std::string& path = *resolved;
         struct stat raw {};
         struct stat target {};
         if (::lstat(path.c_str(), &raw) != 0 || ::stat(path.c_str(), &target) != 0) {
