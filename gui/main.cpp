@@ -1,11 +1,16 @@
 // tessarin-gui [FILE|URL…]: the desktop window. Files and tessarin:// links given on the
 // command line (as the desktop entry's %U hands them over) go to the queue like a drop from the
-// file manager.
+// file manager. One window runs per user: a later launch hands its files and links to it (or,
+// with none, raises it) and ends with status 0.
 #include <QApplication>
 #include <QDir>
 #include <QUrl>
+#include <chrono>
+#include <optional>
 
+#include "app/shell/SingleInstance.hpp"
 #include "app/shell/TessarinApp.hpp"
+#include "gui/IntakePrompts.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/UIScale.hpp"
 
@@ -31,6 +36,15 @@ int main(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("com.tessarin.Tessarin"));
     QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tessarin.Tessarin")));
 
+    const QList<QUrl> urls = argumentURLs(QApplication::arguments());
+    std::optional<tessarin::app::SingleInstance> instance;
+    if (const auto folder = tessarin::app::SingleInstance::standardFolder()) {
+        instance.emplace(*folder);
+        if (instance->claim() == tessarin::app::SingleInstance::Role::secondary) {
+            return instance->forward(urls, std::chrono::seconds(5)) ? 0 : 1;
+        }
+    }
+
     tessarin::app::TessarinApp::Environment environment =
         tessarin::app::TessarinApp::Environment::standard();
     // Finished jobs notify only when the user is looking elsewhere.
@@ -41,8 +55,19 @@ int main(int argc, char** argv) {
     app.launch();
     tessarin::gui::applyUIScale(app.uiScale());
     tessarin::gui::MainWindow window(app);
+    tessarin::gui::connectIntakePrompts(app.urlIntake(), window);
     window.show();
-    if (const QList<QUrl> urls = argumentURLs(QApplication::arguments()); !urls.isEmpty()) {
+    if (instance) {
+        QObject::connect(&*instance, &tessarin::app::SingleInstance::received, &window,
+                         [&app, &window](const QList<QUrl>& forwarded) {
+                             if (forwarded.isEmpty()) {
+                                 tessarin::gui::raiseWindow(window);
+                             } else {
+                                 app.openURLs(forwarded);
+                             }
+                         });
+    }
+    if (!urls.isEmpty()) {
         app.openURLs(urls);
     }
     return QApplication::exec();

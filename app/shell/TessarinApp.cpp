@@ -112,6 +112,8 @@ TessarinApp::Environment TessarinApp::Environment::standard() {
                                .str());
         }
     }
+    environment.handoffFolder = IntakeHandoffServer::standardFolder();
+    environment.helperFolder = runningHelperFolder();
     environment.probeHardware = [](const engine::Tools& tools) {
         return engine::HardwareEncoderProbe{}.probe(tools.ffmpeg);
     };
@@ -176,19 +178,29 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
                                    };
     queue.recordEngineError = [this](const std::string& text) { recordEngineError(text); };
 
+    urlIntake_ = std::make_unique<URLIntake>(*queue_, engine::IntakeTokenStore::process(),
+                                             engine::IntakeValidationAdmissionController::process());
+    urlIntake_->knownPresets = [this] { return presetStore_->effectivePresets(); };
+
     connect(presetStore_.get(), &PresetStore::effectivePresetsChanged, this,
             &TessarinApp::actionCatalogChanged);
 }
 
 TessarinApp::~TessarinApp() {
+    // The server's threads post deliveries through the handoff: stop them first.
+    handoffServer_.reset();
     handoff_->detach();
+    urlIntake_.reset();
     queue_.reset();
     recordingRecovery_.reset();
     (void)handoff_->waitUntilIdle(std::chrono::seconds(15));
 }
 
 void TessarinApp::launch() {
-    if (environment_.publishHandoffSocket && !environment_.publishHandoffSocket()) {
+    const bool published = environment_.publishHandoffSocket ? environment_.publishHandoffSocket()
+                           : environment_.handoffFolder      ? startHandoffServer()
+                                                             : true;
+    if (!published) {
         appLog().error("event=\"could not publish authenticated intake socket\"");
     }
     appLog().notice(engine::KeyValues()
@@ -239,23 +251,26 @@ std::vector<ActionDescriptor> TessarinApp::actionCatalog() {
 }
 
 void TessarinApp::openURLs(const QList<QUrl>& urls) {
-    QList<QUrl> files;
-    for (const QUrl& url : urls) {
-        if (url.isLocalFile()) {
-            files.push_back(url);
-        } else if (url.scheme() == "tessarin") {
-            appLog().notice("event=\"tessarin link not taken: link intake is not available yet\"");
-        } else {
-            appLog().notice("event=\"rejected external URL with an unsupported scheme\"");
-        }
+    urlIntake_->handle(urls);
+}
+
+bool TessarinApp::startHandoffServer() {
+    IntakeHandoffServer::Configuration configuration;
+    configuration.folder = *environment_.handoffFolder;
+    auto server = std::make_unique<IntakeHandoffServer>(
+        configuration, engine::IntakeTokenStore::process(),
+        engine::IntakeValidationAdmissionController::process().authenticatedHandoffGate);
+    server->peerAuthenticator = [helper = installedActionHelper(environment_.helperFolder)](
+                                    int socket) { return authenticatePeer(socket, helper); };
+    server->delivery = [handoff = handoff_, this](IntakeHandoffDelivery delivery) {
+        auto shared = std::make_shared<IntakeHandoffDelivery>(std::move(delivery));
+        handoff->post([this, shared] { urlIntake_->deliver(std::move(*shared)); });
+    };
+    if (!server->start()) {
+        return false;
     }
-    if (files.isEmpty()) {
-        return;
-    }
-    appLog().notice(fmt::format("event=\"received {} plain file URL(s)\"", files.size()));
-    IntakeOptions options;
-    options.isExternal = true;
-    (void)queue_->intake(files, options);
+    handoffServer_ = std::move(server);
+    return true;
 }
 
 TessarinApp::QuitDecision TessarinApp::quitDecision() const {

@@ -24,6 +24,8 @@
 #include <vector>
 
 #include "app/destinations/OutputDestination.hpp"
+#include "app/intake/IntakeHandoffServer.hpp"
+#include "app/intake/URLIntake.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "app/recording/RecordingRecoveryModel.hpp"
 #include "app/settings/FramesSettings.hpp"
@@ -82,6 +84,10 @@ public:
         // The recording root whose unfinished takes are offered for recovery at launch. Empty:
         // none are looked for.
         std::optional<std::filesystem::path> recordingRoot;
+        // Without a publishHandoffSocket hook: the folder of the handoff socket (nothing: no
+        // socket), and the helper folder whose `tessarin-action` may hand files over.
+        std::optional<std::filesystem::path> handoffFolder;
+        std::filesystem::path helperFolder;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -117,9 +123,12 @@ public:
     [[nodiscard]] std::vector<ActionDescriptor> actionCatalog();
 
     // Files and links from the command line, the file manager or a second launch: plain file
-    // URLs go to the queue with no action; tessarin:// links are not taken yet and are logged;
-    // anything else is dropped with a log line.
+    // URLs go to the queue with no action; tessarin:// links through URL intake (validated,
+    // then started, confirmed or refused); anything else is dropped with a log line.
     void openURLs(const QList<QUrl>& urls);
+    [[nodiscard]] URLIntake& urlIntake() { return *urlIntake_; }
+    // The handoff server once launch() published it; null before or when it could not be.
+    [[nodiscard]] IntakeHandoffServer* handoffServer() { return handoffServer_.get(); }
 
     // Whether quitting needs the alert; its texts below.
     [[nodiscard]] QuitDecision quitDecision() const;
@@ -146,6 +155,7 @@ private slots:
 
 private:
     void recordEngineError(const std::string& redacted);
+    bool startHandoffServer();
 
     std::shared_ptr<engine::SettingsStore> settings_;
     std::optional<engine::Tools> tools_;
@@ -158,6 +168,8 @@ private:
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
     std::unique_ptr<DesktopNotifier> notifier_;
     std::shared_ptr<MainThreadHandoff> handoff_;
+    std::unique_ptr<URLIntake> urlIntake_;
+    std::unique_ptr<IntakeHandoffServer> handoffServer_;
 };
 
 }  // namespace tessarin::app

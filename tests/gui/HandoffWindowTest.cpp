@@ -1,0 +1,111 @@
+// The whole way in from a file manager: the real window (tessarin-gui) runs on this test's
+// private X server, the real helper hands it two clips, and both are converted; a second launch
+// of the window forwards its file to the first and ends.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "tests/app/intake/HandoffTestSupport.hpp"
+#include "tests/support/TempDir.hpp"
+#include "tests/support/TestMedia.hpp"
+
+extern char** environ;
+
+namespace tessarin::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+bool eventually(const std::function<bool()>& condition, std::chrono::seconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+std::string readAll(const fs::path& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(HandoffWindow, TheHelperHandsTwoFilesToTheRunningWindowAndBothRowsStart) {
+    TempDir dir;
+    const fs::path runtime = dir / "run";
+    fs::create_directory(runtime);
+    fs::permissions(runtime, fs::perms::owner_all, fs::perm_options::replace);
+    const std::map<std::string, std::string> environment{
+        {"XDG_RUNTIME_DIR", runtime.string()},
+        {"XDG_CONFIG_HOME", (dir / "config").string()},
+        {"XDG_STATE_HOME", (dir / "state").string()},
+        // Never fall back on starting another window: the handoff itself must succeed.
+        {"TESSARIN_GUI", "/bin/false"},
+    };
+    std::vector<fs::path> clips;
+    for (const char* name : {"a.mp4", "b.mp4", "c.mp4"}) {
+        fs::create_directories(dir / "in");
+        fs::copy_file(testClip(TestClip::h264Aac), dir / "in" / name);
+        clips.push_back(dir / "in" / name);
+    }
+
+    // The window, in the background.
+    std::vector<std::string> variables;
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        const std::string text(*variable);
+        if (!environment.contains(text.substr(0, text.find('=')))) {
+            variables.push_back(text);
+        }
+    }
+    for (const auto& [name, value] : environment) {
+        variables.push_back(name + "=" + value);
+    }
+    std::vector<char*> envp;
+    for (std::string& variable : variables) {
+        envp.push_back(variable.data());
+    }
+    envp.push_back(nullptr);
+    std::string program = std::string(TESSARIN_BIN_DIR) + "/tessarin-gui";
+    char* argv[] = {program.data(), nullptr};
+    pid_t window = 0;
+    ASSERT_EQ(posix_spawn(&window, program.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+    const fs::path socket = runtime / "tessarin" / "s";
+    const fs::path log = dir / "state" / "tessarin" / "tessarin.log";
+    EXPECT_TRUE(eventually([&] { return fs::is_socket(socket); }, std::chrono::seconds(60)));
+
+    const fs::path helper = fs::path(TESSARIN_HELPER_DIR) / "tessarin-action";
+    EXPECT_EQ(runProgram({helper.string(), "h264", clips[0].string(), clips[1].string()},
+                         environment),
+              0);
+    EXPECT_TRUE(eventually(
+        [&] {
+            return fs::exists(dir / "in" / "a-h264_crf33.mp4") &&
+                   fs::exists(dir / "in" / "b-h264_crf33.mp4");
+        },
+        std::chrono::seconds(90)));
+    const std::string text = readAll(log);
+    EXPECT_NE(text.find("authenticated IPC delivery reached app"), std::string::npos);
+    EXPECT_NE(text.find("action=mp4-h264 files=2 candidates=2 trusted=true provenance=ok"),
+              std::string::npos);
+
+    // A second launch hands its file to the first window, which stages it, and ends with 0.
+    EXPECT_EQ(runProgram({program, clips[2].string()}, environment, std::chrono::seconds(60)), 0);
+    EXPECT_TRUE(eventually(
+        [&] { return readAll(log).find("received 1 plain file URL(s)") != std::string::npos; },
+        std::chrono::seconds(20)));
+    EXPECT_NE(readAll(log).find("forwarded launch"), std::string::npos);
+
+    ::kill(window, SIGTERM);
+    int status = 0;
+    ::waitpid(window, &status, 0);
+}
+
+}  // namespace
+}  // namespace tessarin::test
