@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/JobPlan.hpp"
+#include "engine/clips/SilenceSuggestions.hpp"
 #include "engine/frames/FrameExtractionOptions.hpp"
 
 namespace tessarin::cli {
@@ -75,5 +76,16 @@ struct FramesRequest {
 // `tessarin frames FILE...`: exports stills of each file into a new NAME-frames folder with
 // frames.json and a contact sheet, one file at a time.
 int runFrames(const FramesRequest& request);
+
+struct SilenceRequest {
+    engine::SilenceSettings settings;  // the editor's starting values unless given
+    std::optional<std::filesystem::path> writeClipList;
+    std::filesystem::path file;
+    bool json = false;
+};
+
+// `tessarin silence FILE`: the spoken parts of FILE as keep clips, one "START END" line each,
+// and with --write-clip-list a new clip list file of them.
+int runSilence(const SilenceRequest& request);
 
 }  // namespace tessarin::cli
