@@ -172,12 +172,14 @@ signals:
     // A keyframe answer moved the playhead; the view seeks there.
     void seekRequested(double seconds);
 
+public:
+    // What the editor shares with its threads; defined in internal/TrimEditorWork.hpp.
+    struct Work;
+
 private slots:
     void deliverBackgroundResults();
 
 private:
-    struct Work;
-
     void change(const std::function<void(TrimEditorSnapshot&)>& edit);
     void replaceClips(std::vector<ClipDraft> clips, const std::string& message,
                       std::optional<ClipExportMode> mode = std::nullopt);

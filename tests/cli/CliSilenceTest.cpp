@@ -72,7 +72,7 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     const engine::MediaInfo joined = probe(output / names.front());
     ASSERT_TRUE(joined.durationSeconds.has_value());
     EXPECT_NEAR(*joined.durationSeconds,
-                (ranges[0].second - ranges[0].first) + (ranges[1].second - ranges[1].first), 0.3);
+                (ranges[0].second - ranges[0].first) + (ranges[1].second - ranges[1].first), 0.15);
 }
 
 TEST(CliSilence, RefusesAListForATouchedSourceAndBadSettings) {

@@ -23,7 +23,7 @@ enum class TestClip {
     oddDimensions,   // MP4, 321x241
     offsetTimeline,  // MPEG-TS whose timeline starts at 10 s
     // MP4, H.264 + AAC, 10 s: a 440 Hz tone silenced from 2 to 4 s and from 6 s to the end;
-    // the picture is a still colour at 2 fps, so nearly all of the file is audio.
+    // the picture is a still colour, so nearly all of the file is audio.
     pausedTone,
 };
 
