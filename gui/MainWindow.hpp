@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QPointer>
 
+#include "app/queue/SourceFacts.hpp"
 #include "app/shell/TessarinApp.hpp"
 #include "gui/SettingsWindow.hpp"
 
@@ -24,6 +25,7 @@ class DropZone;
 class FastCutReviewDialog;
 class NoticeBanner;
 class QueueList;
+class TrimEditorDialog;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -45,6 +47,11 @@ public:
     [[nodiscard]] QMessageBox* pendingIntakeDialog() const { return pendingDialog_; }
     // The review of a fast cut while it is open.
     [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
+    // The trim editor while it is open.
+    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const { return trimEditor_; }
+    // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
+    // player out.
+    TrimEditorDialog* openTrimEditor(const engine::Uuid& id, bool withPlayer = true);
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -72,6 +79,8 @@ private:
     QPushButton* settings_ = nullptr;
     QPointer<QMessageBox> pendingDialog_;
     QPointer<FastCutReviewDialog> fastCutDialog_;
+    QPointer<TrimEditorDialog> trimEditor_;
+    app::SourceFactsLoader* sourceFacts_ = nullptr;
     QPointer<SettingsWindow> settingsWindow_;
 };
 
