@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/JobPlan.hpp"
+#include "engine/clips/SilenceSuggestions.hpp"
 #include "engine/frames/FrameExtractionOptions.hpp"
 
 namespace tessarin::cli {
@@ -94,5 +95,16 @@ struct RecordingsRequest {
 // `tessarin recordings list|recover [TAKE]|discard TAKE`: unfinished screen recordings, listed,
 // saved to their recording folder, or moved to the Trash.
 int runRecordings(const RecordingsRequest& request);
+
+struct SilenceRequest {
+    engine::SilenceSettings settings;  // the editor's starting values unless given
+    std::optional<std::filesystem::path> writeClipList;
+    std::filesystem::path file;
+    bool json = false;
+};
+
+// `tessarin silence FILE`: the spoken parts of FILE as keep clips, one "START END" line each,
+// and with --write-clip-list a new clip list file of them.
+int runSilence(const SilenceRequest& request);
 
 }  // namespace tessarin::cli

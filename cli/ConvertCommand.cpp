@@ -1,5 +1,6 @@
 #include <iostream>
 
+#include "cli/ClipListOption.hpp"
 #include "cli/Commands.hpp"
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
@@ -56,8 +57,13 @@ int runConvert(const ConvertRequest& request) {
         return kExitUsage;
     }
     std::vector<PlannedJob> jobs;
+    RangeOptions ranges = request.ranges;
     try {
-        jobs = planConversions(*preset, request.files, request.ranges);
+        checkRangeOptions(ranges, request.files.size());
+        if (const std::optional<int> refused = readClipList(ranges, request.files, request.json)) {
+            return *refused;
+        }
+        jobs = planConversions(*preset, request.files, ranges);
     } catch (const UsageError& error) {
         std::cerr << "tessarin: " << error.what() << "\n";
         return kExitUsage;

@@ -3,6 +3,7 @@
 
 #include "cli/Commands.hpp"
 #include "cli/Confirmation.hpp"
+#include "cli/ClipListOption.hpp"
 #include "cli/CutJoin.hpp"
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
@@ -34,21 +35,21 @@ struct CutRanges {
     bool joined = false;
 };
 
-CutRanges parseRanges(const RangeOptions& options) {
-    checkRangeOptions(options);
+CutRanges parseRanges(const RangeOptions& options, std::size_t fileCount) {
+    checkRangeOptions(options, fileCount);
     if (options.join && *options.join != "keep") {
         throw UsageError(
             "A cut can only keep segments (--join keep); `tessarin convert --join remove` takes "
             "ranges out.");
     }
-    if (!options.trim && options.segments.empty()) {
-        throw UsageError("A cut needs --trim or --segment.");
+    if (!options.trim && options.segments.empty() && !options.clipList) {
+        throw UsageError("A cut needs --trim, --segment or --clip-list.");
     }
     CutRanges ranges;
     if (options.trim) {
         ranges.trim = parseTrim(*options.trim);
     }
-    ranges.segments = parseSegments(options.segments);
+    ranges.segments = parseSegments(options);
     ranges.joined = options.join.has_value();
     return ranges;
 }
@@ -198,8 +199,13 @@ int runCut(const CutRequest& request) {
     Interruption interruption;  // first, so every later thread has the signals blocked
 
     CutRanges ranges;
+    RangeOptions options = request.ranges;
     try {
-        ranges = parseRanges(request.ranges);
+        checkRangeOptions(options, request.files.size());
+        if (const std::optional<int> refused = readClipList(options, request.files, request.json)) {
+            return *refused;
+        }
+        ranges = parseRanges(options, request.files.size());
     } catch (const UsageError& error) {
         std::cerr << "tessarin: " << error.what() << "\n";
         return kExitUsage;

@@ -112,6 +112,38 @@ void EventSink::cancelled() {
     std::cerr << "tessarin: " << file_.string() << ": cancelled; nothing was saved.\n";
 }
 
+void EventSink::suggestions(const std::vector<engine::ClipSelection>& clips,
+                            const std::optional<std::filesystem::path>& clipList) {
+    if (json_) {
+        nlohmann::json list = nlohmann::json::array();
+        for (const engine::ClipSelection& clip : clips) {
+            list.push_back({{"start", clip.trim().start.value_or("")},
+                            {"end", clip.trim().end.value_or("")},
+                            {"name", clip.name()}});
+        }
+        nlohmann::json event{{"event", "done"}, {"file", file_.string()}, {"clips", list}};
+        if (clipList) {
+            event["path"] = clipList->string();
+        }
+        emit(event);
+        return;
+    }
+    if (bar_) {
+        bar_->finish();
+    }
+    for (const engine::ClipSelection& clip : clips) {
+        std::cout << clip.trim().start.value_or("") << ' ' << clip.trim().end.value_or("")
+                  << '\n';
+    }
+    std::cout.flush();
+    if (clips.empty()) {
+        std::cerr << "tessarin: " << file_.string() << ": no sound above the threshold; no clips.\n";
+    }
+    if (clipList) {
+        std::cerr << "tessarin: clip list saved to " << clipList->string() << "\n";
+    }
+}
+
 void EventSink::plan(const std::filesystem::path& file, const std::string& part,
                      const engine::FastCut::Plan& plan) {
     const std::string text = engine::FastCut::summary(plan);

@@ -8,8 +8,10 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "cli/ProgressLine.hpp"
+#include "engine/clips/ClipSelection.hpp"
 #include "engine/clips/FastCut.hpp"
 
 namespace tessarin::cli {
@@ -31,6 +33,11 @@ public:
               const std::optional<nlohmann::json>& index = std::nullopt);
     void failed(const std::string& step, const std::string& text, std::optional<int32_t> exitCode);
     void cancelled();
+    // The end of a silence scan: the keep clips and the clip list written, if any. --json gives
+    // a "done" event with "clips" (start, end, name) and "path" when a list was written; people
+    // get one "START END" line per clip on stdout.
+    void suggestions(const std::vector<engine::ClipSelection>& clips,
+                     const std::optional<std::filesystem::path>& clipList);
 
     // Before any job starts: the review of a planned cut (`part` names a segment's cut, empty
     // for a whole --trim), a file refused while planning, and a file whose planning was

@@ -1,5 +1,6 @@
 #include "cli/JobPlan.hpp"
 
+#include "engine/clips/ClipListFile.hpp"
 #include "engine/clips/ClipSelection.hpp"
 
 namespace tessarin::cli {
@@ -18,12 +19,25 @@ std::vector<engine::Trim> trimsOf(const std::vector<ClipSelection>& clips) {
 
 }  // namespace
 
-void checkRangeOptions(const RangeOptions& ranges) {
+void checkRangeOptions(const RangeOptions& ranges, std::size_t fileCount) {
     if (ranges.trim && !ranges.segments.empty()) {
         throw UsageError("Use either --trim or --segment, not both.");
     }
-    if (ranges.join && ranges.segments.empty()) {
-        throw UsageError("--join needs at least one --segment.");
+    if (ranges.clipList && (ranges.trim || !ranges.segments.empty())) {
+        throw UsageError("Use --clip-list without --trim and --segment.");
+    }
+    if (ranges.clipList && fileCount != 1) {
+        throw UsageError("A clip list belongs to one video: give --clip-list with one FILE.");
+    }
+    if (ranges.join && ranges.segments.empty() && !ranges.clipList) {
+        throw UsageError("--join needs at least one --segment or a --clip-list.");
+    }
+}
+
+void loadClipList(RangeOptions& ranges, const std::vector<std::filesystem::path>& files) {
+    checkRangeOptions(ranges, files.size());
+    if (ranges.clipList) {
+        ranges.listedClips = engine::ClipListFile::read(*ranges.clipList, files.front());
     }
 }
 
@@ -43,7 +57,11 @@ engine::Trim parseTrim(const std::string& text) {
     }
 }
 
-std::vector<ClipSelection> parseSegments(const std::vector<std::string>& segments) {
+std::vector<ClipSelection> parseSegments(const RangeOptions& ranges) {
+    if (ranges.clipList) {
+        return ranges.listedClips;
+    }
+    const std::vector<std::string>& segments = ranges.segments;
     if (segments.size() > ClipSelection::kClipLimit) {
         throw UsageError(
             std::string(ClipSelection::Invalid::message(ClipSelection::Invalid::Kind::count)));
@@ -62,12 +80,12 @@ std::vector<ClipSelection> parseSegments(const std::vector<std::string>& segment
 std::vector<PlannedJob> planConversions(const engine::Preset& preset,
                                         const std::vector<std::filesystem::path>& files,
                                         const RangeOptions& ranges) {
-    checkRangeOptions(ranges);
+    checkRangeOptions(ranges, files.size());
     if (ranges.join && *ranges.join != "keep" && *ranges.join != "remove") {
         throw UsageError("--join takes keep or remove.");
     }
     std::vector<PlannedJob> jobs;
-    if (ranges.segments.empty()) {
+    if (ranges.segments.empty() && !ranges.clipList) {
         engine::Preset trimmed = preset;
         if (ranges.trim) {
             trimmed.options.trim = parseTrim(*ranges.trim);
@@ -77,7 +95,7 @@ std::vector<PlannedJob> planConversions(const engine::Preset& preset,
         }
         return jobs;
     }
-    const std::vector<ClipSelection> clips = parseSegments(ranges.segments);
+    const std::vector<ClipSelection> clips = parseSegments(ranges);
     for (const auto& file : files) {
         if (ranges.join) {
             // The job turns removed ranges into kept ones against the source's duration.

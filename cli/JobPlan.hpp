@@ -29,19 +29,27 @@ struct PlannedJob {
 struct RangeOptions {
     std::optional<std::string> trim;    // START,END
     std::vector<std::string> segments;  // START,END[,NAME] each
-    std::optional<std::string> join;    // "keep" or "remove"
+    std::optional<std::filesystem::path> clipList;  // a clip list file, in place of segments
+    std::optional<std::string> join;                // "keep" or "remove"
+    // The clips read from `clipList` (loadClipList fills them in); they stand for segments.
+    std::vector<engine::ClipSelection> listedClips = {};
 };
 
-// The rules every command with ranges follows: --trim or --segment, not both, and --join only
-// with segments. Throws UsageError; which --join values are offered is the command's own rule.
-void checkRangeOptions(const RangeOptions& ranges);
+// The rules every command with ranges follows: one of --trim, --segment and --clip-list, --join
+// only with segments or a list, and a list for one file only. Throws UsageError; which --join
+// values are offered is the command's own rule.
+void checkRangeOptions(const RangeOptions& ranges, std::size_t fileCount);
+
+// Reads --clip-list, when given, for the one source in `files` into ranges.listedClips. Throws
+// UsageError for a bad combination, ClipListFile::Invalid (a list of another or a changed
+// source...), ClipSelection::Invalid or std::filesystem::filesystem_error.
+void loadClipList(RangeOptions& ranges, const std::vector<std::filesystem::path>& files);
 
 // --trim's range. Throws UsageError.
 [[nodiscard]] engine::Trim parseTrim(const std::string& text);
 
-// The clips of the --segment values, in the order given. Throws UsageError.
-[[nodiscard]] std::vector<engine::ClipSelection> parseSegments(
-    const std::vector<std::string>& segments);
+// The clips of the --segment values, in the order given, or the listed clips. Throws UsageError.
+[[nodiscard]] std::vector<engine::ClipSelection> parseSegments(const RangeOptions& ranges);
 
 // Jobs for a preset: the whole file, its --trim, one job per --segment, or one joined job.
 // Throws UsageError for unknown ids and ranges the clip rules refuse.

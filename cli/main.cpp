@@ -23,6 +23,9 @@ CLI::Option* addRangeOptions(CLI::App& command, tessarin::cli::RangeOptions& ran
         .add_option("--segment", ranges.segments,
                     "START,END[,NAME]: a clip; repeat for several (one file each)")
         ->allow_extra_args(false);
+    command.add_option("--clip-list", ranges.clipList,
+                       "A clip list file of the one FILE (see `tessarin silence`): its clips as "
+                       "segments");
     return command.add_option("--join", ranges.join, joinHelp);
 }
 
@@ -135,6 +138,22 @@ int main(int argc, char** argv) {
     discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")
         ->required();
 
+    SilenceRequest silence;
+    CLI::App* silenceCommand = app.add_subcommand(
+        "silence", "Suggest keep clips: the parts of a video between its silent stretches");
+    silenceCommand->add_option("--noise-db", silence.settings.noiseDB,
+                               "What counts as silence, -80 to -10 dB (default -35)");
+    silenceCommand->add_option("--min-silence", silence.settings.minimumSilence,
+                               "Seconds of silence that count as a pause, 0.1 to 60 (default 0.5)");
+    silenceCommand->add_option("--padding", silence.settings.padding,
+                               "Seconds of a pause kept beside the sound, 0 to 2 (default 0.15)");
+    silenceCommand->add_option("--min-clip", silence.settings.minimumClip,
+                               "Shorter keep clips are dropped, 0.1 to 60 seconds (default 0.5)");
+    silenceCommand->add_option("--write-clip-list", silence.writeClipList,
+                               "Also save the clips as a new clip list file (never replaces one)");
+    silenceCommand->add_flag("--json", silence.json, "One JSON object per event on stdout");
+    silenceCommand->add_option("FILE", silence.file, "The video to scan")->required();
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -171,6 +190,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*silenceCommand) {
+        return runSilence(silence);
     }
     return runExtractAudio(extract);
 }

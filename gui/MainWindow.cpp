@@ -23,6 +23,7 @@
 #include "gui/QueueRowWidget.hpp"
 #include "gui/SettingsWindow.hpp"
 #include "gui/ShowInFolder.hpp"
+#include "gui/TrimEditorDialog.hpp"
 #include "gui/UIScale.hpp"
 
 namespace tessarin::gui {
@@ -158,7 +159,10 @@ QWidget* MainWindow::makeQueuePane() {
     connect(&queue_, &app::QueueModel::trimChanged, this, &MainWindow::updateTrim);
     updateTrim();
 
-    queueList_ = new QueueList(queue_, pane);
+    sourceFacts_ = new app::SourceFactsLoader(app_.tools(), this);
+    queueList_ = new QueueList(queue_, sourceFacts_, pane);
+    connect(queueList_, &QueueList::trimRequested, this,
+            [this](const engine::Uuid& id) { openTrimEditor(id); });
     connect(queueList_, &QueueList::showInFolderRequested, this, &showInFolder);
     connect(queueList_, &QueueList::openRequested, this,
             [](const QString& path) { QDesktopServices::openUrl(QUrl::fromLocalFile(path)); });
@@ -294,6 +298,26 @@ void MainWindow::offerRecordingRecovery() {
     recoveryDialog_ = new RecordingRecoveryDialog(model, this);
     recoveryDialog_->setAttribute(Qt::WA_DeleteOnClose);
     recoveryDialog_->open();
+}
+
+TrimEditorDialog* MainWindow::openTrimEditor(const engine::Uuid& id, bool withPlayer) {
+    if (trimEditor_) {
+        trimEditor_->raise();
+        return trimEditor_;
+    }
+    std::optional<app::TrimEditorRequest> request = queue_.trimEditorRequest(id);
+    if (!request) {
+        return nullptr;
+    }
+    auto editor = std::make_unique<app::TrimEditor>(std::move(*request), app_.tools());
+    editor->onApply = [this, id](const app::TrimEditorResult& result) {
+        return queue_.applyTrimEditor(id, result);
+    };
+    trimEditor_ = new TrimEditorDialog(std::move(editor), withPlayer, this);
+    trimEditor_->setAttribute(Qt::WA_DeleteOnClose);
+    trimEditor_->resize(860, 760);
+    trimEditor_->open();
+    return trimEditor_;
 }
 
 FastCutReviewDialog* MainWindow::fastCutReviewDialog() const {

@@ -10,6 +10,7 @@
 #include <QMessageBox>
 #include <QPointer>
 
+#include "app/queue/SourceFacts.hpp"
 #include "app/shell/TessarinApp.hpp"
 #include "gui/SettingsWindow.hpp"
 
@@ -25,6 +26,7 @@ class FastCutReviewDialog;
 class NoticeBanner;
 class QueueList;
 class RecordingRecoveryDialog;
+class TrimEditorDialog;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -48,6 +50,11 @@ public:
     [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
     // The offer to recover unfinished recordings while it is open.
     [[nodiscard]] RecordingRecoveryDialog* recordingRecoveryDialog() const;
+    // The trim editor while it is open.
+    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const { return trimEditor_; }
+    // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
+    // player out.
+    TrimEditorDialog* openTrimEditor(const engine::Uuid& id, bool withPlayer = true);
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -76,6 +83,8 @@ private:
     QPushButton* settings_ = nullptr;
     QPointer<QMessageBox> pendingDialog_;
     QPointer<FastCutReviewDialog> fastCutDialog_;
+    QPointer<TrimEditorDialog> trimEditor_;
+    app::SourceFactsLoader* sourceFacts_ = nullptr;
     QPointer<SettingsWindow> settingsWindow_;
     QPointer<RecordingRecoveryDialog> recoveryDialog_;
 };

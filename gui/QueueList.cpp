@@ -8,14 +8,17 @@
 
 namespace tessarin::gui {
 
-QueueList::QueueList(app::QueueModel& queue, QWidget* parent)
+QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* facts, QWidget* parent)
     : QScrollArea(parent),
       queue_(queue),
+      facts_(facts),
       content_(new QWidget),
       rowsLayout_(new QVBoxLayout(content_)),
       empty_(new QLabel(tr("No files yet. Added videos wait here for an action."), content_)) {
     setObjectName("queueList");
     setWidgetResizable(true);
+    // Rows shorten their texts to the width they get; they never scroll sideways.
+    setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     setFrameShape(QFrame::NoFrame);
     empty_->setAlignment(Qt::AlignCenter);
     empty_->setForegroundRole(QPalette::PlaceholderText);
@@ -27,6 +30,14 @@ QueueList::QueueList(app::QueueModel& queue, QWidget* parent)
 
     connect(&queue_, &app::QueueModel::itemsChanged, this, &QueueList::reload);
     connect(&queue_, &app::QueueModel::itemChanged, this, &QueueList::reloadItem);
+    if (facts_ != nullptr) {
+        connect(facts_, &app::SourceFactsLoader::factsReady, this, [this](const QString& id) {
+            const auto uuid = engine::Uuid::fromText(id.toStdString());
+            if (QueueRowWidget* row = uuid ? this->row(*uuid) : nullptr) {
+                row->setFacts(*facts_->facts(*uuid));
+            }
+        });
+    }
     reload();
 }
 
@@ -51,6 +62,13 @@ void QueueList::reload() {
             connect(row, &QueueRowWidget::showInFolderRequested, this,
                     &QueueList::showInFolderRequested);
             connect(row, &QueueRowWidget::openRequested, this, &QueueList::openRequested);
+            connect(row, &QueueRowWidget::trimRequested, this, &QueueList::trimRequested);
+            if (facts_ != nullptr) {
+                facts_->request(item.id, item.source);
+                if (const app::SourceFacts* known = facts_->facts(item.id)) {
+                    row->setFacts(*known);
+                }
+            }
         }
         kept.emplace(item.id, row);
         // Re-inserting in model order keeps the layout's order the queue's order.

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "app/queue/QueueModel.hpp"
+#include "app/queue/SourceFacts.hpp"
 
 class QLabel;
 class QVBoxLayout;
@@ -19,7 +20,9 @@ class QueueList : public QScrollArea {
     Q_OBJECT
 
 public:
-    explicit QueueList(app::QueueModel& queue, QWidget* parent = nullptr);
+    // `facts`, when given, fills each row's thumbnail and source facts as they come.
+    explicit QueueList(app::QueueModel& queue, app::SourceFactsLoader* facts = nullptr,
+                       QWidget* parent = nullptr);
 
     [[nodiscard]] QueueRowWidget* row(const engine::Uuid& id) const;
     [[nodiscard]] std::size_t rowCount() const { return rows_.size(); }
@@ -27,12 +30,14 @@ public:
 signals:
     void showInFolderRequested(const QString& path);
     void openRequested(const QString& path);
+    void trimRequested(const engine::Uuid& id);
 
 private:
     void reload();
     void reloadItem(const QString& id);
 
     app::QueueModel& queue_;
+    app::SourceFactsLoader* facts_;
     QWidget* content_;
     QVBoxLayout* rowsLayout_;
     QLabel* empty_;

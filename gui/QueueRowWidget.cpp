@@ -3,10 +3,12 @@
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QPixmap>
 #include <QProgressBar>
 #include <QToolButton>
 #include <cmath>
 
+#include "gui/ElidedLabel.hpp"
 #include "gui/UIScale.hpp"
 
 namespace tessarin::gui {
@@ -34,12 +36,16 @@ QString subtitleText(const app::QueueItem& item) {
 QueueRowWidget::QueueRowWidget(const app::QueueItem& item, QWidget* parent)
     : QFrame(parent),
       id_(item.id),
-      name_(new QLabel(this)),
-      subtitle_(new QLabel(this)),
+      thumbnail_(new QLabel(this)),
+      name_(new ElidedLabel(Qt::ElideMiddle, this)),
+      subtitle_(new ElidedLabel(Qt::ElideRight, this)),
+      facts_(new ElidedLabel(Qt::ElideRight, this)),
       state_(new QLabel(this)),
       progress_(new QProgressBar(this)),
+      outputName_(new ElidedLabel(Qt::ElideMiddle, this)),
       detail_(new QLabel(this)),
       warning_(new QLabel(this)),
+      trim_(makeButton(tr("Trim…"), "trimButton")),
       cancel_(makeButton(tr("Cancel"), "cancelButton")),
       remove_(makeButton(tr("Remove"), "removeButton")),
       showInFolder_(makeButton(tr("Show in Folder"), "showInFolderButton")),
@@ -50,22 +56,34 @@ QueueRowWidget::QueueRowWidget(const app::QueueItem& item, QWidget* parent)
     setFocusPolicy(Qt::StrongFocus);
 
     setFontRole(name_, 1.0, true);
-    name_->setTextFormat(Qt::PlainText);
-    subtitle_->setTextFormat(Qt::PlainText);
+    name_->setObjectName("nameLabel");
+    subtitle_->setObjectName("subtitleLabel");
     subtitle_->setForegroundRole(QPalette::PlaceholderText);
+    facts_->setObjectName("factsLabel");
+    facts_->setForegroundRole(QPalette::PlaceholderText);
+    thumbnail_->setObjectName("thumbnail");
+    thumbnail_->setFixedSize(64, 36);
+    thumbnail_->setAlignment(Qt::AlignCenter);
+    thumbnail_->setVisible(false);
+    outputName_->setObjectName("outputLabel");
     state_->setObjectName("stateLabel");
     state_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     progress_->setObjectName("progress");
     progress_->setTextVisible(false);
     progress_->setMaximumHeight(8);
+    // Long words (paths, file names) may break anywhere, so the row never widens the window.
     detail_->setObjectName("phaseLabel");
+    detail_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     detail_->setWordWrap(true);
     detail_->setTextFormat(Qt::PlainText);
     detail_->setTextInteractionFlags(Qt::TextSelectableByMouse);
     warning_->setObjectName("warningLabel");
     warning_->setWordWrap(true);
     warning_->setTextFormat(Qt::PlainText);
+    warning_->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    trim_->setToolTip(tr("Set this file's range or clips on a player"));
 
+    connect(trim_, &QToolButton::clicked, this, [this] { emit trimRequested(id_); });
     connect(cancel_, &QToolButton::clicked, this, [this] { emit cancelRequested(id_); });
     connect(remove_, &QToolButton::clicked, this, [this] { emit removeRequested(id_); });
     connect(showInFolder_, &QToolButton::clicked, this,
@@ -74,22 +92,26 @@ QueueRowWidget::QueueRowWidget(const app::QueueItem& item, QWidget* parent)
 
     auto* buttons = new QHBoxLayout;
     buttons->setSpacing(4);
-    for (QToolButton* button : {showInFolder_, open_, cancel_, remove_}) {
+    for (QToolButton* button : {showInFolder_, open_, trim_, cancel_, remove_}) {
         buttons->addWidget(button);
     }
 
+    // Thumbnail | name, subtitle and facts (these shrink) | state | buttons (never hidden).
     auto* grid = new QGridLayout(this);
     grid->setContentsMargins(10, 8, 10, 8);
     grid->setHorizontalSpacing(12);
     grid->setVerticalSpacing(4);
-    grid->addWidget(name_, 0, 0);
-    grid->addWidget(state_, 0, 1);
-    grid->addLayout(buttons, 0, 2, 2, 1, Qt::AlignVCenter);
-    grid->addWidget(subtitle_, 1, 0, 1, 2);
-    grid->addWidget(progress_, 2, 0, 1, 3);
-    grid->addWidget(detail_, 3, 0, 1, 3);
-    grid->addWidget(warning_, 4, 0, 1, 3);
-    grid->setColumnStretch(0, 1);
+    grid->addWidget(thumbnail_, 0, 0, 3, 1, Qt::AlignTop);
+    grid->addWidget(name_, 0, 1);
+    grid->addWidget(state_, 0, 2);
+    grid->addLayout(buttons, 0, 3, 3, 1, Qt::AlignVCenter);
+    grid->addWidget(subtitle_, 1, 1, 1, 2);
+    grid->addWidget(facts_, 2, 1, 1, 2);
+    grid->addWidget(progress_, 3, 0, 1, 4);
+    grid->addWidget(outputName_, 4, 0, 1, 4);
+    grid->addWidget(detail_, 5, 0, 1, 4);
+    grid->addWidget(warning_, 6, 0, 1, 4);
+    grid->setColumnStretch(1, 1);
     update(item);
 }
 
@@ -105,11 +127,26 @@ void QueueRowWidget::update(const app::QueueItem& item) {
     using Kind = app::QueueItem::StateKind;
     const Kind kind = item.state.kind;
     const QString fileName = qpath(item.source.filename());
-    name_->setText(fileName);
+    name_->setFullText(fileName);
     name_->setToolTip(qpath(item.source));
-    subtitle_->setText(subtitleText(item));
-    subtitle_->setVisible(!subtitle_->text().isEmpty());
-    state_->setText(qs(item.stateLabel()));
+    subtitle_->setFullText(subtitleText(item));
+    subtitle_->setVisible(!subtitle_->fullText().isEmpty());
+    QString state = qs(item.stateLabel());
+    if (kind == Kind::running) {
+        if (!runningSince_) {
+            runningSince_ = std::chrono::steady_clock::now();
+        }
+        if (item.state.progress) {
+            const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(
+                std::chrono::steady_clock::now() - *runningSince_);
+            if (const std::optional<QString> left = timeLeftText(*item.state.progress, elapsed)) {
+                state += QStringLiteral(" · ") + *left;
+            }
+        }
+    } else {
+        runningSince_.reset();
+    }
+    state_->setText(state);
     output_ = kind == Kind::done ? qpath(item.state.output) : QString();
 
     progress_->setVisible(kind == Kind::running);
@@ -127,16 +164,18 @@ void QueueRowWidget::update(const app::QueueItem& item) {
         detail = qs(*item.phaseLabel);
     } else if (kind == Kind::failed && item.state.failure && !item.state.failure->wasCancelled) {
         detail = qs(item.state.failure->stderrTail);
-    } else if (kind == Kind::done) {
-        detail = qpath(item.state.output.filename());
     } else if (item.destination.kind == app::OutputDestination::Resolution::Kind::unavailable) {
         detail = qs(item.destination.sentence);
     }
     detail_->setText(detail);
+    detail_->setToolTip(detail);
     detail_->setVisible(!detail.isEmpty());
+    outputName_->setFullText(kind == Kind::done ? qpath(item.state.output.filename()) : QString());
+    outputName_->setVisible(kind == Kind::done);
     warning_->setText(item.warningNote ? qs(*item.warningNote) : QString());
     warning_->setVisible(item.warningNote.has_value());
 
+    trim_->setVisible(kind == Kind::needsPreset || kind == Kind::waiting);
     cancel_->setVisible(!item.isFinished());
     cancel_->setToolTip(kind == Kind::running ? tr("Stop this conversion")
                                               : tr("Take this file out of the queue"));
@@ -144,6 +183,37 @@ void QueueRowWidget::update(const app::QueueItem& item) {
     showInFolder_->setVisible(kind == Kind::done);
     open_->setVisible(kind == Kind::done);
     setAccessibleName(fileName + QStringLiteral(", ") + state_->text());
+}
+
+void QueueRowWidget::setFacts(const app::SourceFacts& facts) {
+    facts_->setFullText(qs(facts.summary()));
+    facts_->setVisible(!facts_->fullText().isEmpty());
+    QPixmap picture;
+    if (!facts.thumbnailPng.empty() &&
+        picture.loadFromData(reinterpret_cast<const uchar*>(facts.thumbnailPng.data()),
+                             static_cast<uint>(facts.thumbnailPng.size()), "PNG")) {
+        thumbnail_->setPixmap(
+            picture.scaled(thumbnail_->size(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
+        thumbnail_->setVisible(true);
+    }
+}
+
+std::optional<QString> QueueRowWidget::timeLeftText(double fraction,
+                                                    std::chrono::seconds elapsed) {
+    // Below a few percent or seconds the rate says too little to be worth showing.
+    if (!(fraction >= 0.02 && fraction < 1.0) || elapsed.count() < 2) {
+        return std::nullopt;
+    }
+    const double left = static_cast<double>(elapsed.count()) * (1.0 - fraction) / fraction;
+    if (left < 60) {
+        return tr("About %1 s left").arg(std::max(1, static_cast<int>(std::ceil(left))));
+    }
+    if (left < 3600) {
+        return tr("About %1 min left").arg(static_cast<int>(std::ceil(left / 60)));
+    }
+    return tr("About %1 h %2 min left")
+        .arg(static_cast<int>(left / 3600))
+        .arg(static_cast<int>(std::fmod(left, 3600) / 60));
 }
 
 QString QueueRowWidget::stateText() const {

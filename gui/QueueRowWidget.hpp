@@ -3,14 +3,19 @@
 #pragma once
 
 #include <QFrame>
+#include <chrono>
+#include <optional>
 
 #include "app/queue/QueueModel.hpp"
+#include "app/queue/SourceFacts.hpp"
 
 class QLabel;
 class QProgressBar;
 class QToolButton;
 
 namespace tessarin::gui {
+
+class ElidedLabel;
 
 class QueueRowWidget : public QFrame {
     Q_OBJECT
@@ -22,9 +27,18 @@ public:
     // Shows `item`, which must have this row's id.
     void update(const app::QueueItem& item);
 
+    // Shows the source's length, picture size, file size and thumbnail.
+    void setFacts(const app::SourceFacts& facts);
+
     [[nodiscard]] QString stateText() const;
 
+    // "About 2 min left" from the fraction done and how long the job has run; nothing until
+    // the fraction says enough.
+    [[nodiscard]] static std::optional<QString> timeLeftText(double fraction,
+                                                             std::chrono::seconds elapsed);
+
 signals:
+    void trimRequested(const engine::Uuid& id);
     void cancelRequested(const engine::Uuid& id);
     void removeRequested(const engine::Uuid& id);
     void showInFolderRequested(const QString& path);
@@ -35,16 +49,22 @@ private:
 
     engine::Uuid id_;
     QString output_;
-    QLabel* name_;
-    QLabel* subtitle_;
+    QLabel* thumbnail_;
+    ElidedLabel* name_;
+    ElidedLabel* subtitle_;
+    ElidedLabel* facts_;
     QLabel* state_;
     QProgressBar* progress_;
+    ElidedLabel* outputName_;
     QLabel* detail_;
     QLabel* warning_;
+    QToolButton* trim_;
     QToolButton* cancel_;
     QToolButton* remove_;
     QToolButton* showInFolder_;
     QToolButton* open_;
+    // When this row was first seen running, for the time left.
+    std::optional<std::chrono::steady_clock::time_point> runningSince_;
 };
 
 }  // namespace tessarin::gui

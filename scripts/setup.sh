@@ -11,6 +11,8 @@ packages=(
   uuid-dev libvips-dev fonts-dejavu-core libcurl4-openssl-dev
   # application core (QtCore models)
   qt6-base-dev
+  # the trim editor's player (Qt Multimedia plays through GStreamer)
+  qt6-multimedia-dev gstreamer1.0-plugins-good gstreamer1.0-libav
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
   # a decimal-comma locale, to show that numbers never follow the user's locale

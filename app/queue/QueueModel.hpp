@@ -36,6 +36,7 @@
 #include "app/queue/FastCutReview.hpp"
 #include "app/queue/IntakeFiles.hpp"
 #include "app/queue/QueueJob.hpp"
+#include "app/trim/TrimEditorTypes.hpp"
 #include "engine/clips/Uuid.hpp"
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
@@ -67,6 +68,9 @@ struct QueueItem {
     std::optional<std::string> trimLabel;
     // A trim of this file alone; wins over the batch trim when the file starts.
     std::optional<engine::Trim> pendingTrim;
+    // Clips of this file from the trim editor, exported as `clipMode` says; win over both trims.
+    std::optional<std::vector<engine::ClipSelection>> pendingClips;
+    ClipExportMode clipMode = ClipExportMode::separate;
     std::optional<IntakeFileID> sourceID;
     OutputDestination::Resolution destination;
     bool destinationWasOverridden = false;
@@ -259,6 +263,13 @@ public:
                                    const engine::Trim& trim);
     // Withdraws request `requestID` if it is the one published.
     void closeFastCutReview(const engine::Uuid& requestID);
+
+    // What the trim editor opens with for row `id`: its own trim or clips, and the batch trim.
+    // Nothing for a row that doesn't exist.
+    [[nodiscard]] std::optional<TrimEditorRequest> trimEditorRequest(const engine::Uuid& id) const;
+    // The editor's Apply for row `id`: false, changing nothing, unless the row waits (staged, or
+    // waiting with a conversion) and can take the result: clips need a preset once they start.
+    [[nodiscard]] bool applyTrimEditor(const engine::Uuid& id, const TrimEditorResult& result);
 
     // Blocks until no job or scan thread runs, at most `limit`; true when none does. Results
     // arrive through the event loop afterwards. For orderly shutdown and tests.

@@ -18,6 +18,7 @@
 namespace tessarin::app {
 
 using queue_internal::kChooseAction;
+using queue_internal::kClipsNeedPreset;
 using queue_internal::kFastCutNeedsTrim;
 using queue_internal::queueLog;
 using queue_internal::trimLabelOf;
@@ -60,6 +61,7 @@ void QueueModel::start() {
     std::vector<engine::Uuid> dropped;
     std::set<MediaFileIdentity> claimed;
     std::vector<FastCutReviewRequest::Entry> reviewed;
+    std::vector<engine::Uuid> expanded;
     for (QueueItem& item : items_) {
         if (item.state.kind != QueueItem::StateKind::needsPreset) {
             continue;
@@ -79,15 +81,61 @@ void QueueModel::start() {
             reviewed.push_back({item.id, item.source, trim, std::nullopt, std::nullopt});
             continue;
         }
-        const std::optional<JobKind> kind = jobKind(action, preset, trim);
+        if (item.pendingClips && (!action.isPreset() || !preset)) {
+            notice(kClipsNeedPreset);
+            continue;
+        }
+        if (item.pendingClips && item.clipMode == ClipExportMode::separate &&
+            item.pendingClips->size() > 1) {
+            expanded.push_back(item.id);
+            continue;
+        }
+        std::optional<JobKind> kind = jobKind(action, preset, trim);
+        if (item.pendingClips) {
+            std::vector<engine::Trim> ranges;
+            for (const engine::ClipSelection& clip : *item.pendingClips) {
+                ranges.push_back(clip.trim());
+            }
+            kind = item.clipMode == ClipExportMode::separate
+                       ? jobKind(action, preset, ranges.front())
+                       : JobKind{JobKind::Join{*preset, std::move(ranges),
+                                               item.clipMode == ClipExportMode::remove}};
+        }
         if (!kind) {
             continue;
         }
         item.kind = kind;
         item.descriptor = descriptor;
-        item.trimLabel = trim.isEmpty() ? std::nullopt : std::optional(trimLabelOf(trim));
+        if (!item.pendingClips) {
+            item.trimLabel = trim.isEmpty() ? std::nullopt : std::optional(trimLabelOf(trim));
+        }
         item.state = {QueueItem::StateKind::waiting, {}, {}, {}};
         ++assigned;
+    }
+    // Separate clips become one waiting row each, in the row's place and in clip order.
+    for (const engine::Uuid& id : expanded) {
+        const auto found = std::find_if(items_.begin(), items_.end(),
+                                        [&id](const QueueItem& row) { return row.id == id; });
+        const QueueItem original = *found;
+        std::vector<QueueItem> rows;
+        for (std::size_t index = 0; index < original.pendingClips->size(); ++index) {
+            const engine::ClipSelection& clip = (*original.pendingClips)[index];
+            engine::Preset clipPreset = *preset;
+            clipPreset.options.trim = clip.trim();
+            clipPreset.filenameSuffix += clip.fileSuffix(index);
+            QueueItem row = original;
+            row.id = index == 0 ? original.id : engine::Uuid::random();
+            row.pendingClips.reset();
+            row.kind = JobKind{JobKind::Convert{std::move(clipPreset)}};
+            row.descriptor = descriptor;
+            row.trimLabel = fmt::format("Clip {} of {} · {}", index + 1,
+                                        original.pendingClips->size(), trimLabelOf(clip.trim()));
+            row.state = {QueueItem::StateKind::waiting, {}, {}, {}};
+            rows.push_back(std::move(row));
+            ++assigned;
+        }
+        const auto at = items_.erase(found);
+        items_.insert(at, rows.begin(), rows.end());
     }
     if (!dropped.empty()) {
         std::erase_if(items_, [&dropped](const QueueItem& item) {

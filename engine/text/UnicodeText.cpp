@@ -1,6 +1,7 @@
 #include "engine/text/UnicodeText.hpp"
 
 #include <unicode/ubrk.h>
+#include <unicode/unorm2.h>
 #include <unicode/uchar.h>
 #include <unicode/ustring.h>
 
@@ -258,6 +259,47 @@ std::u32string lowercased(std::u32string_view scalars) {
         return std::u32string(scalars);
     }
     return fromUtf16(lower.data(), static_cast<std::size_t>(length));
+}
+
+bool canonicallyEqual(std::string_view left, std::string_view right) {
+    if (left == right) {
+        return true;
+    }
+    const std::optional<std::u32string> a = decodeUtf8(left);
+    const std::optional<std::u32string> b = decodeUtf8(right);
+    if (!a || !b) {
+        return false;
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    const UNormalizer2* nfd = unorm2_getNFDInstance(&status);
+    if (U_FAILURE(status)) {
+        return false;
+    }
+    const auto normalized = [nfd](std::string_view text) -> std::optional<std::u16string> {
+        UErrorCode code = U_ZERO_ERROR;
+        int32_t units = 0;
+        u_strFromUTF8(nullptr, 0, &units, text.data(), static_cast<int32_t>(text.size()), &code);
+        std::u16string utf16(static_cast<std::size_t>(units), u'\0');
+        code = U_ZERO_ERROR;
+        u_strFromUTF8(utf16.data(), units, nullptr, text.data(), static_cast<int32_t>(text.size()),
+                      &code);
+        if (U_FAILURE(code)) {
+            return std::nullopt;
+        }
+        code = U_ZERO_ERROR;
+        const int32_t needed =
+            unorm2_normalize(nfd, utf16.data(), units, nullptr, 0, &code);
+        std::u16string out(static_cast<std::size_t>(needed), u'\0');
+        code = U_ZERO_ERROR;
+        unorm2_normalize(nfd, utf16.data(), units, out.data(), needed, &code);
+        if (U_FAILURE(code)) {
+            return std::nullopt;
+        }
+        return out;
+    };
+    const std::optional<std::u16string> x = normalized(left);
+    const std::optional<std::u16string> y = normalized(right);
+    return x && y && *x == *y;
 }
 
 }  // namespace tessarin::engine

@@ -46,4 +46,8 @@ template <typename Predicate>
 // Kelvin sign "k". Whole-text context applies (a final capital sigma becomes "ς").
 [[nodiscard]] std::u32string lowercased(std::u32string_view scalars);
 
+// Whether two UTF-8 texts are canonically equivalent ("é" precomposed or as "e" and a combining
+// accent). Ill-formed UTF-8 is equal only to the same bytes.
+[[nodiscard]] bool canonicallyEqual(std::string_view left, std::string_view right);
+
 }  // namespace tessarin::engine

@@ -22,6 +22,9 @@ enum class TestClip {
     chapters,        // MP4 with three titled chapters, 3 s
     oddDimensions,   // MP4, 321x241
     offsetTimeline,  // MPEG-TS whose timeline starts at 10 s
+    // MP4, H.264 + AAC, 10 s: a 440 Hz tone silenced from 2 to 4 s and from 6 s to the end;
+    // the picture is a still colour, so nearly all of the file is audio.
+    pausedTone,
 };
 
 // The path of the clip, generating it first if the cache doesn't hold it. Safe from several

@@ -29,6 +29,8 @@ struct QueueModel::RunningJob {
 namespace queue_internal {
 
 inline constexpr const char* kChooseAction = "Choose an action above, then click Convert.";
+inline constexpr const char* kClipsNeedPreset =
+    "Files with clips need a video or GIF preset. Choose one above and click Convert.";
 inline constexpr const char* kFastCutNeedsTrim =
     "Fix the batch trim or set this file's own trim before Fast cut.";
 
