@@ -69,35 +69,18 @@ TEST(PresetParametersDecoding, WrongTypePerKeyIsNotedAndOthersSurvive) {
         {"lossyLevel", "80"},    {"optimizeGif", 0},
         {"optimizeGif", "true"}, {"scaleValue", json::object()},
     };
-    const PresetParameters fallback;
     for (const Row& row : rows) {
         SCOPED_TRACE(std::string(row.key) + " = " + row.wrong.dump());
         json stored = sound;
         stored[row.key] = row.wrong;
         const Decoded decoded = decode(stored);
         EXPECT_EQ(decoded.noted, std::set<std::string>{row.key});
-
-        PresetParameters expected = soundDecoded;
-        const std::string key = row.key;
-        if (key == "quality")
-            expected.quality = fallback.quality;
-        if (key == "fps")
-            expected.fps = fallback.fps;
-        if (key == "scaleMode")
-            expected.scaleMode = fallback.scaleMode;
-        if (key == "scaleValue")
-            expected.scaleValue = fallback.scaleValue;
-        if (key == "speedPreset")
-            expected.speedPreset = fallback.speedPreset;
-        if (key == "dither")
-            expected.dither = fallback.dither;
-        if (key == "lossyMode")
-            expected.lossyMode = fallback.lossyMode;
-        if (key == "lossyLevel")
-            expected.lossyLevel = fallback.lossyLevel;
-        if (key == "optimizeGif")
-            expected.optimizeGif = fallback.optimizeGif;
-        EXPECT_EQ(decoded.parameters, expected);
+        // The same as if the key were missing.
+        json withoutKey = sound;
+        withoutKey.erase(row.key);
+        const Decoded missing = decode(withoutKey);
+        ASSERT_TRUE(missing.noted.empty());
+        EXPECT_EQ(decoded.parameters, missing.parameters);
     }
 }
 
@@ -180,187 +163,104 @@ TEST(PresetParametersJSON, RoundTripWritesFpsOnlyWhenPresent) {
     EXPECT_EQ(withoutFps.size(), 8U);
 }
 
-struct ValidationCase {
-    PresetFormat format;
-    PresetParameters parameters;
-    std::vector<std::string> errors;
-};
-
-PresetParameters with(PresetFormat format, const std::function<void(PresetParameters&)>& change) {
-    PresetParameters p = defaultParameters(format);
-    change(p);
-    return p;
+// The format's defaults with the fields of `patch` replaced.
+PresetParameters with(PresetFormat format, const json& patch) {
+    json value = defaultParameters(format).toJSON();
+    value.merge_patch(patch);
+    return PresetParameters::fromJSON(value);
 }
 
 TEST(PresetParametersValidation, SentencesPerFormat) {
     using F = PresetFormat;
-    const std::vector<ValidationCase> rows = {
-        {F::h264, defaultParameters(F::h264), {}},
-        {F::h264,
-         with(F::h264, [](auto& p) { p.quality = 64; }),
-         {"Quality 64 is outside 0–63 for H.264."}},
-        {F::h264, with(F::h264, [](auto& p) { p.quality = 63; }), {}},
+    const struct {
+        PresetFormat format;
+        json patch;
+        std::vector<std::string> errors;
+    } rows[] = {
+        {F::h264, json::object(), {}},
+        {F::h264, {{"quality", 64}}, {"Quality 64 is outside 0–63 for H.264."}},
+        {F::h264, {{"quality", 63}}, {}},
+        {F::h265, {{"quality", 52}}, {"Quality 52 is outside 0–51 for H.265."}},
+        {F::h264VT, {{"quality", 0}}, {"Quality 0 is outside 1–100 for H.264 hardware."}},
+        {F::hevcVT, {{"quality", 100}}, {}},
+        {F::gif, {{"quality", -1}}, {"Quality -1 is outside 0–63 for GIF."}},
+        {F::av1, {{"fps", 61}}, {"Frame rate 61 fps is outside 1–60 for AV1."}},
         {F::h265,
-         with(F::h265, [](auto& p) { p.quality = 52; }),
-         {"Quality 52 is outside 0–51 for H.265."}},
-        {F::h264VT,
-         with(F::h264VT, [](auto& p) { p.quality = 0; }),
-         {"Quality 0 is outside 1–100 for H.264 hardware."}},
-        {F::hevcVT, with(F::hevcVT, [](auto& p) { p.quality = 100; }), {}},
-        {F::gif,
-         with(F::gif, [](auto& p) { p.quality = -1; }),
-         {"Quality -1 is outside 0–63 for GIF."}},
-        {F::av1,
-         with(F::av1, [](auto& p) { p.fps = 61; }),
-         {"Frame rate 61 fps is outside 1–60 for AV1."}},
-        {F::h265,
-         with(F::h265, [](auto& p) { p.speedPreset = "ludicrous"; }),
+         {{"speedPreset", "ludicrous"}},
          {"Speed preset \"ludicrous\" is not a recognized x264/x265 preset."}},
-        {F::vp9, with(F::vp9, [](auto& p) { p.speedPreset = "ludicrous"; }), {}},
+        {F::vp9, {{"speedPreset", "ludicrous"}}, {}},
         {F::gif,
-         with(F::gif, [](auto& p) { p.dither = "heckbert"; }),
+         {{"dither", "heckbert"}},
          {"Dither \"heckbert\" is not a recognized paletteuse algorithm."}},
-        {F::h264, with(F::h264, [](auto& p) { p.dither = "heckbert"; }), {}},
+        {F::h264, {{"dither", "heckbert"}}, {}},
         {F::gif,
-         with(F::gif,
-              [](auto& p) {
-                  p.lossyMode = LossyMode::level;
-                  p.lossyLevel = 201;
-              }),
+         {{"lossyMode", "level"}, {"lossyLevel", 201}},
          {"Lossy level 201 is outside 0–200."}},
-        {F::gif, with(F::gif, [](auto& p) { p.lossyLevel = 500; }), {}},
+        {F::gif, {{"lossyLevel", 500}}, {}},
         {F::h264,
-         with(F::h264,
-              [](auto& p) {
-                  p.scaleMode = ScaleMode::fitWidth;
-                  p.scaleValue = 1;
-              }),
+         {{"scaleMode", "fitWidth"}, {"scaleValue", 1}},
          {"Scale target 1 px is below the 2 px minimum."}},
-        {F::h264, with(F::h264, [](auto& p) { p.scaleValue = 1; }), {}},
+        {F::h264, {{"scaleValue", 1}}, {}},
         {F::h264,
-         with(F::h264,
-              [](auto& p) {
-                  p.quality = 99;
-                  p.fps = 0;
-                  p.speedPreset = "x";
-                  p.scaleMode = ScaleMode::fitHeight;
-                  p.scaleValue = 0;
-              }),
+         {{"quality", 99},
+          {"fps", 0},
+          {"speedPreset", "x"},
+          {"scaleMode", "fitHeight"},
+          {"scaleValue", 0}},
          {"Quality 99 is outside 0–63 for H.264.", "Frame rate 0 fps is outside 1–60 for H.264.",
           "Speed preset \"x\" is not a recognized x264/x265 preset.",
           "Scale target 0 px is below the 2 px minimum."}},
     };
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_EQ(rows[i].parameters.validationErrors(rows[i].format), rows[i].errors);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.patch.dump());
+        EXPECT_EQ(with(row.format, row.patch).validationErrors(row.format), row.errors);
     }
 }
 
-struct SanitizeCase {
-    PresetFormat format;
-    PresetParameters input;
-    std::set<std::string> noted;
-    PresetParameters expected;
-    bool repaired;
-};
-
 TEST(PresetParametersSanitizing, RepairsOnlyWhatTheFormatUses) {
     using F = PresetFormat;
-    const std::vector<SanitizeCase> rows = {
-        {F::h264, defaultParameters(F::h264), {}, defaultParameters(F::h264), false},
+    const json none = json::object();
+    const struct {
+        PresetFormat format;
+        json input;
+        std::set<std::string> noted;
+        json expected;
+        bool repaired;
+    } rows[] = {
+        {F::h264, none, {}, none, false},
         // A noted field that needs no step of its own still makes the record repaired.
-        {F::h264, defaultParameters(F::h264), {"dither"}, defaultParameters(F::h264), true},
-        {F::h264,
-         with(F::h264, [](auto& p) { p.quality = 64; }),
-         {},
-         with(F::h264, [](auto& p) { p.quality = 63; }),
-         true},
-        {F::h264VT,
-         with(F::h264VT, [](auto& p) { p.quality = 0; }),
-         {},
-         with(F::h264VT, [](auto& p) { p.quality = 1; }),
-         true},
-        {F::h265,
-         with(F::h265, [](auto& p) { p.quality = 40; }),
-         {"quality"},
-         with(F::h265, [](auto& p) { p.quality = 28; }),
-         true},
-        {F::vp9,
-         with(F::vp9, [](auto& p) { p.fps = 120; }),
-         {},
-         with(F::vp9, [](auto& p) { p.fps = 60; }),
-         true},
-        {F::h265,
-         with(F::h265, [](auto& p) { p.speedPreset = "x"; }),
-         {},
-         defaultParameters(F::h265),
-         true},
+        {F::h264, none, {"dither"}, none, true},
+        {F::h264, {{"quality", 64}}, {}, {{"quality", 63}}, true},
+        {F::h264VT, {{"quality", 0}}, {}, {{"quality", 1}}, true},
+        {F::h265, {{"quality", 40}}, {"quality"}, {{"quality", 28}}, true},
+        {F::vp9, {{"fps", 120}}, {}, {{"fps", 60}}, true},
+        {F::h265, {{"speedPreset", "x"}}, {}, none, true},
         // Fields that don't apply to the format are left alone.
-        {F::vp9,
-         with(F::vp9, [](auto& p) { p.speedPreset = "x"; }),
-         {},
-         with(F::vp9, [](auto& p) { p.speedPreset = "x"; }),
-         false},
+        {F::vp9, {{"speedPreset", "x"}}, {}, {{"speedPreset", "x"}}, false},
+        {F::gif, {{"speedPreset", "x"}}, {}, {{"speedPreset", "x"}}, false},
+        {F::gif, {{"dither", "heckbert"}}, {}, none, true},
+        {F::av1, {{"dither", "heckbert"}}, {}, {{"dither", "heckbert"}}, false},
+        {F::gif, {{"lossyLevel", 500}}, {}, {{"lossyLevel", 500}}, false},
         {F::gif,
-         with(F::gif, [](auto& p) { p.speedPreset = "x"; }),
+         {{"lossyMode", "level"}, {"lossyLevel", 500}},
          {},
-         with(F::gif, [](auto& p) { p.speedPreset = "x"; }),
-         false},
-        {F::gif,
-         with(F::gif, [](auto& p) { p.dither = "heckbert"; }),
-         {},
-         defaultParameters(F::gif),
-         true},
-        {F::av1,
-         with(F::av1, [](auto& p) { p.dither = "heckbert"; }),
-         {},
-         with(F::av1, [](auto& p) { p.dither = "heckbert"; }),
-         false},
-        {F::gif,
-         with(F::gif, [](auto& p) { p.lossyLevel = 500; }),
-         {},
-         with(F::gif, [](auto& p) { p.lossyLevel = 500; }),
-         false},
-        {F::gif,
-         with(F::gif,
-              [](auto& p) {
-                  p.lossyMode = LossyMode::level;
-                  p.lossyLevel = 500;
-              }),
-         {},
-         with(F::gif,
-              [](auto& p) {
-                  p.lossyMode = LossyMode::level;
-                  p.lossyLevel = 200;
-              }),
+         {{"lossyMode", "level"}, {"lossyLevel", 200}},
          true},
         {F::gif,
-         with(F::gif,
-              [](auto& p) {
-                  p.scaleMode = ScaleMode::fitWidth;
-                  p.scaleValue = -4;
-              }),
+         {{"scaleMode", "fitWidth"}, {"scaleValue", -4}},
          {},
-         with(F::gif,
-              [](auto& p) {
-                  p.scaleMode = ScaleMode::fitWidth;
-                  p.scaleValue = 2;
-              }),
+         {{"scaleMode", "fitWidth"}, {"scaleValue", 2}},
          true},
-        {F::h264,
-         with(F::h264, [](auto& p) { p.scaleValue = -4; }),
-         {},
-         with(F::h264, [](auto& p) { p.scaleValue = -4; }),
-         false},
+        {F::h264, {{"scaleValue", -4}}, {}, {{"scaleValue", -4}}, false},
     };
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        SCOPED_TRACE(i);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(rawValue(row.format)) + " " + row.input.dump());
         const PresetParameters::Sanitized result =
-            rows[i].input.sanitized(rows[i].format, rows[i].noted);
-        EXPECT_EQ(result.parameters, rows[i].expected);
-        EXPECT_EQ(result.repaired, rows[i].repaired);
+            with(row.format, row.input).sanitized(row.format, row.noted);
+        EXPECT_EQ(result.parameters, with(row.format, row.expected));
+        EXPECT_EQ(result.repaired, row.repaired);
         // Sanitised records pass validation.
-        EXPECT_TRUE(result.parameters.validationErrors(rows[i].format).empty());
+        EXPECT_TRUE(result.parameters.validationErrors(row.format).empty());
     }
 }
 

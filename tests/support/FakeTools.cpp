@@ -9,17 +9,6 @@
 
 namespace tessarin::test {
 
-void writeFile(const std::filesystem::path& path, std::string_view content, int mode) {
-    {
-        std::ofstream out(path, std::ios::binary | std::ios::trunc);
-        out.write(content.data(), static_cast<std::streamsize>(content.size()));
-        if (!out) {
-            throw std::runtime_error("could not write " + path.string());
-        }
-    }
-    std::filesystem::permissions(path, static_cast<std::filesystem::perms>(mode));
-}
-
 std::filesystem::path writeScript(const std::filesystem::path& folder, std::string_view name,
                                   std::string_view body) {
     const std::filesystem::path path = folder / name;

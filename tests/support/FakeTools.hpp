@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/Files.hpp"
 #include "tests/support/TempDir.hpp"
 
 namespace tessarin::test {
@@ -20,9 +21,6 @@ using TemporaryFolder = TempDir;
 // Writes "#!/bin/sh" and `body` to `folder/name`, mode 0755; returns the path.
 std::filesystem::path writeScript(const std::filesystem::path& folder, std::string_view name,
                                   std::string_view body);
-
-// Writes `content` to `path` with the given mode.
-void writeFile(const std::filesystem::path& path, std::string_view content, int mode = 0644);
 
 // Waits for `path` to exist and hold a full line (a writer finished it); false at `limit`.
 [[nodiscard]] bool waitForLine(const std::filesystem::path& path,

@@ -91,6 +91,11 @@ fs::path helperDirectory() {
     return TESSARIN_HELPER_DIR;
 }
 
+engine::Tools helperTools() {
+    const fs::path folder = helperDirectory();
+    return engine::Tools{folder / "ffmpeg", folder / "ffprobe", folder / "gifsicle", std::nullopt};
+}
+
 fs::path makeClip(const std::string& name, const std::vector<std::string>& ffmpegArguments) {
     std::string recipe = name;
     for (const std::string& argument : ffmpegArguments) {

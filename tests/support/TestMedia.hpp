@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/process/Tools.hpp"
 #include "tests/support/TempDir.hpp"
 
 namespace tessarin::test {
@@ -38,7 +39,8 @@ enum class TestClip {
 [[nodiscard]] std::filesystem::path makeClip(const std::string& name,
                                              const std::vector<std::string>& ffmpegArguments);
 
-// The helper folder of this build (ffmpeg, ffprobe, gifsicle).
+// The helper folder of this build (ffmpeg, ffprobe, gifsicle), and its tools.
 [[nodiscard]] std::filesystem::path helperDirectory();
+[[nodiscard]] engine::Tools helperTools();
 
 }  // namespace tessarin::test

@@ -90,13 +90,6 @@ TEST_F(OutputDestinationTest, AskEachTimeUsesTheOverrideOnlyWhenGiven) {
     EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::sameFolder());
 }
 
-TEST_F(OutputDestinationTest, CustomFolderWithoutBookmarkGivesTheFirstSentence) {
-    OutputDestination destinations(defaults_);
-    destinations.setMode(OutputMode::customFolder);
-    EXPECT_EQ(destinations.resolve(makeFolder("Dropped")),
-              Resolution::unavailable(std::string(kNoOutputFolderSentence)));
-}
-
 TEST_F(OutputDestinationTest, ChosenFolderIsStoredAndResolved) {
     OutputDestination destinations(defaults_);
     const fs::path folder = makeFolder("Exports");
@@ -133,26 +126,27 @@ TEST_F(OutputDestinationTest, FailedChoiceChangesNothing) {
     EXPECT_EQ(destinations.state()->generation, generation);
 }
 
-TEST_F(OutputDestinationTest, RemovedFolderGivesTheSecondSentence) {
+// No folder chosen gives the first sentence; a removed folder, or one on a volume that is not
+// mounted, the second, and quickly.
+TEST_F(OutputDestinationTest, UnavailableFoldersGiveTheirSentences) {
     OutputDestination destinations(defaults_);
+    destinations.setMode(OutputMode::customFolder);
+    EXPECT_EQ(destinations.resolve(makeFolder("Dropped")),
+              Resolution::unavailable(std::string(kNoOutputFolderSentence)));
+
     const fs::path folder = makeFolder("Exports");
     ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
     fs::remove(folder);
+    const Resolution unavailable =
+        Resolution::unavailable(std::string(kOutputFolderUnavailableSentence));
+    EXPECT_EQ(destinations.resolve(std::nullopt), unavailable);
 
-    EXPECT_EQ(destinations.resolve(std::nullopt),
-              Resolution::unavailable(std::string(kOutputFolderUnavailableSentence)));
-}
-
-TEST_F(OutputDestinationTest, FolderOnAVolumeThatIsNotMountedGivesTheSecondSentenceQuickly) {
-    OutputDestination destinations(defaults_);
     ASSERT_EQ(destinations.chooseFolder(makeFolder("Exports")), std::nullopt);
     defaults_->update([](json& object) {
         object["outputFolderBookmark"]["path"] = "/run/media/tessarin-test-nobody/Drive/Exports";
     });
-
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(destinations.resolve(std::nullopt),
-              Resolution::unavailable(std::string(kOutputFolderUnavailableSentence)));
+    EXPECT_EQ(destinations.resolve(std::nullopt), unavailable);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 

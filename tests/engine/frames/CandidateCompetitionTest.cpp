@@ -84,37 +84,22 @@ TEST(CandidateCompetition, CloseCandidatesCompeteForOnePlace) {
     }
 }
 
-TEST(CandidateCompetition, FirstOfferIsAlwaysAppended) {
-    std::vector<Candidate> candidates;
-    int64_t retained = 0;
-    EXPECT_EQ(offerCandidate(candidates, candidate(3.0, FrameReason::activity, 1), 0.25, retained),
-              Offer::appended);
-    EXPECT_EQ(candidates.size(), 1U);
-}
-
-// Each held thumbnail is accounted at its capacity plus 128 bytes.
+// The first offer is always appended. Each held thumbnail is accounted at its capacity plus 128
+// bytes.
 TEST(CandidateCompetition, RetainedBytesFollowTheList) {
     std::vector<Candidate> candidates;
     int64_t retained = 0;
-    (void)offerCandidate(candidates, candidate(0.0, FrameReason::first, std::nullopt, 100), 0.25,
-                         retained);
+    EXPECT_EQ(
+        offerCandidate(candidates, candidate(3.0, FrameReason::activity, 1, 100), 0.25, retained),
+        Offer::appended);
     EXPECT_EQ(retained, 228);
-    (void)offerCandidate(candidates, candidate(1.0, FrameReason::change, 50, 30), 0.25, retained);
+    (void)offerCandidate(candidates, candidate(4.0, FrameReason::change, 50, 30), 0.25, retained);
     EXPECT_EQ(retained, 228 + 158);
-    (void)offerCandidate(candidates, candidate(1.1, FrameReason::change, 10, 999), 0.25, retained);
+    (void)offerCandidate(candidates, candidate(4.1, FrameReason::change, 10, 999), 0.25, retained);
     EXPECT_EQ(retained, 228 + 158);  // dropped
-    (void)offerCandidate(candidates, candidate(1.1, FrameReason::transient, 10, 60), 0.25,
+    (void)offerCandidate(candidates, candidate(4.1, FrameReason::transient, 10, 60), 0.25,
                          retained);
     EXPECT_EQ(retained, 228 + 188);  // replaced
-}
-
-TEST(CandidateCompetition, RanksOrderTheReasons) {
-    EXPECT_LT(reasonRank(FrameReason::first), reasonRank(FrameReason::transient));
-    EXPECT_EQ(reasonRank(FrameReason::first), reasonRank(FrameReason::last));
-    EXPECT_EQ(reasonRank(FrameReason::first), reasonRank(FrameReason::interval));
-    EXPECT_LT(reasonRank(FrameReason::transient), reasonRank(FrameReason::change));
-    EXPECT_EQ(reasonRank(FrameReason::change), reasonRank(FrameReason::unsettled));
-    EXPECT_LT(reasonRank(FrameReason::change), reasonRank(FrameReason::activity));
 }
 
 }  // namespace

@@ -200,25 +200,20 @@ TEST_F(ContactSheetRender, DrawsTheGridOnTheCanvasSize) {
     }
 }
 
-TEST_F(ContactSheetRender, CentresAFrameSmallerThanItsTile) {
-    const std::vector<ContactSheet::Tile> tiles = makeFrames(1, "160x90");
-    const VImage sheet = decoded(ContactSheet::render(tiles, kWide));
-
+// A smaller frame is centred in its tile, a larger one shrunk to it.
+TEST_F(ContactSheetRender, FitsEachFrameToItsTile) {
+    const VImage small = decoded(ContactSheet::render(makeFrames(1, "160x90"), kWide));
     // The tile is 320x180 at (8, 8); the picture keeps its 160x90 at (88, 53).
-    EXPECT_TRUE(isBackground(sheet, 8 + 40, 8 + 20));
-    EXPECT_TRUE(isBackground(sheet, 8 + 300, 8 + 160));
-    EXPECT_GT(sheet.extract_area(88 + 4, 53 + 4, 152, 82).deviate(), 20.0);
-}
+    EXPECT_TRUE(isBackground(small, 8 + 40, 8 + 20));
+    EXPECT_TRUE(isBackground(small, 8 + 300, 8 + 160));
+    EXPECT_GT(small.extract_area(88 + 4, 53 + 4, 152, 82).deviate(), 20.0);
 
-TEST_F(ContactSheetRender, ShrinksALargerFrameToItsTile) {
-    const std::vector<ContactSheet::Tile> tiles = makeFrames(2, "1280x720");
     const Geometry geometry = ContactSheet::geometry(2, kWide);
-    const VImage sheet = decoded(ContactSheet::render(tiles, kWide));
-
-    EXPECT_EQ(sheet.width(), geometry.canvasWidth);
-    EXPECT_EQ(sheet.height(), geometry.canvasHeight);
-    EXPECT_GT(sheet.extract_area(8, 8, 320, 180).deviate(), 20.0);
-    EXPECT_TRUE(isBackground(sheet, 8 + 320 + 4, 100));
+    const VImage large = decoded(ContactSheet::render(makeFrames(2, "1280x720"), kWide));
+    EXPECT_EQ(large.width(), geometry.canvasWidth);
+    EXPECT_EQ(large.height(), geometry.canvasHeight);
+    EXPECT_GT(large.extract_area(8, 8, 320, 180).deviate(), 20.0);
+    EXPECT_TRUE(isBackground(large, 8 + 320 + 4, 100));
 }
 
 TEST_F(ContactSheetRender, RendersFromSeveralThreadsAtOnce) {
@@ -246,31 +241,23 @@ TEST_F(ContactSheetRender, RendersFromSeveralThreadsAtOnce) {
     }
 }
 
-TEST_F(ContactSheetRender, AFrameThatIsNotAPictureIsUnreadable) {
-    std::vector<ContactSheet::Tile> tiles = makeFrames(2, "320x180");
+TEST_F(ContactSheetRender, RefusesFramesItCannotReadAndCountsItCannotDraw) {
+    const std::vector<ContactSheet::Tile> frames = makeFrames(2, "320x180");
     const fs::path broken = folder_ / "broken.jpg";
     std::ofstream(broken) << "this is not a picture";
-    tiles[1].image = broken;
-
-    EXPECT_EQ(failureOf(tiles), Kind::unreadableFrame);
-}
-
-TEST_F(ContactSheetRender, AMissingFrameIsUnreadable) {
-    std::vector<ContactSheet::Tile> tiles = makeFrames(1, "320x180");
-    tiles.push_back({.image = folder_ / "missing.jpg", .index = 2, .time = 1});
-
-    EXPECT_EQ(failureOf(tiles), Kind::unreadableFrame);
-}
-
-TEST_F(ContactSheetRender, AFolderIsNotAFrame) {
-    EXPECT_EQ(failureOf({{.image = folder_.path(), .index = 1, .time = 0}}), Kind::unreadableFrame);
-}
-
-TEST_F(ContactSheetRender, NoTilesOrTooManyCannotBeDrawn) {
+    const struct {
+        const char* name;
+        fs::path second;
+    } unreadable[] = {{"not a picture", broken},
+                      {"missing", folder_ / "missing.jpg"},
+                      {"folder", folder_.path()}};
+    for (const auto& row : unreadable) {
+        std::vector<ContactSheet::Tile> tiles = frames;
+        tiles[1].image = row.second;
+        EXPECT_EQ(failureOf(tiles), Kind::unreadableFrame) << row.name;
+    }
     EXPECT_EQ(failureOf({}), Kind::drawing);
-    const std::vector<ContactSheet::Tile> tooMany(
-        37, ContactSheet::Tile{.image = folder_ / "unused.jpg", .index = 1, .time = 0});
-    EXPECT_EQ(failureOf(tooMany), Kind::drawing);
+    EXPECT_EQ(failureOf(std::vector<ContactSheet::Tile>(37, frames[0])), Kind::drawing);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 
 #include "engine/frames/FrameExtractionJob.hpp"
 #include "engine/probe/MediaProbe.hpp"
-#include "tests/support/TempDir.hpp"
+#include "tests/support/Files.hpp"
 #include "tests/support/TestMedia.hpp"
 
 namespace tessarin::engine {
@@ -18,11 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-Tools helperTools() {
-    const fs::path folder = test::helperDirectory();
-    return Tools{folder / "ffmpeg", folder / "ffprobe", folder / "gifsicle", std::nullopt};
-}
 
 // Six slides at 25 fps, 320x180: red 0-2 s, blue 2-4 s, green for only 0.6 s, a white card with
 // text 4.6-6.6 s, a one-second fade to black, then black to 9 s.
@@ -59,49 +54,14 @@ Outcome runJob(FrameExtractionJob& job) {
     return outcome;
 }
 
-// Everything in `folder` (recursively), relative names.
-std::vector<std::string> contents(const fs::path& folder) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        names.push_back(fs::relative(entry.path(), folder).string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
 // A source in a folder of its own, exports into another, TMPDIR pointed at a third.
-class FramesSandbox {
+class FramesSandbox : public test::Sandbox {
 public:
-    FramesSandbox() : previousTmpdir_(std::getenv("TMPDIR") ? std::getenv("TMPDIR") : "") {
-        fs::create_directories(sources());
-        fs::create_directories(outputs());
-        fs::create_directories(temporary());
-        fs::permissions(temporary(), fs::perms::owner_all, fs::perm_options::replace);
-        ::setenv("TMPDIR", temporary().c_str(), 1);
-    }
-    ~FramesSandbox() {
-        if (previousTmpdir_.empty()) {
-            ::unsetenv("TMPDIR");
-        } else {
-            ::setenv("TMPDIR", previousTmpdir_.c_str(), 1);
-        }
-    }
-    [[nodiscard]] fs::path sources() const { return root_.path() / "in"; }
-    [[nodiscard]] fs::path outputs() const { return root_.path() / "out"; }
-    [[nodiscard]] fs::path temporary() const { return root_.path() / "tmp"; }
-    [[nodiscard]] fs::path place(const fs::path& clip, const std::string& name) const {
-        fs::copy_file(clip, sources() / name);
-        return sources() / name;
-    }
     [[nodiscard]] std::unique_ptr<FrameExtractionJob> job(const fs::path& source,
                                                           FrameExtractionOptions options) const {
         return std::make_unique<FrameExtractionJob>(source, std::move(options), outputs(),
-                                                    helperTools());
+                                                    test::helperTools());
     }
-
-private:
-    test::TempDir root_;
-    std::string previousTmpdir_;
 };
 
 TEST(FrameExtractionJob, FindsEachSlideOnceWithItsReason) {
@@ -138,18 +98,19 @@ TEST(FrameExtractionJob, FindsEachSlideOnceWithItsReason) {
     expected.push_back("contact-sheet.jpg");
     expected.push_back("frames.json");
     std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(contents(result.directory), expected);
+    EXPECT_EQ(test::treeEntries(result.directory), expected);
     std::ifstream in(result.directory / "frames.json");
     const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_EQ(FrameManifest::decodedText(text), result.manifest);
     for (const FrameManifest::Frame& frame : result.manifest.frames) {
         ProcessRunner runner;
-        const MediaInfo picture = MediaProbe::probe(result.directory / frame.file, helperTools(),
-                                                    MediaInputPolicy::unrestricted, runner);
+        const MediaInfo picture =
+            MediaProbe::probe(result.directory / frame.file, test::helperTools(),
+                              MediaInputPolicy::unrestricted, runner);
         EXPECT_EQ(picture.width, frame.width) << frame.file;
         EXPECT_EQ(picture.height, frame.height) << frame.file;
     }
-    EXPECT_THAT(contents(sandbox.temporary()), IsEmpty());
+    EXPECT_THAT(test::treeEntries(sandbox.temporary()), IsEmpty());
 
     // A second export of the same source takes the next name.
     auto again = sandbox.job(source, FrameExtractionOptions{});
@@ -195,11 +156,12 @@ TEST(FrameExtractionJob, RefusesAVideoThatChangesSizeAndLeavesNothing) {
                         << part("200x120").string() << "'\n";
     const fs::path source = sandbox.sources() / "resized.mkv";
     ProcessRunner joiner;
-    ASSERT_EQ(joiner
-                  .run(helperTools().ffmpeg, {"-v", "error", "-f", "concat", "-safe", "0", "-i",
+    ASSERT_EQ(
+        joiner
+            .run(test::helperTools().ffmpeg, {"-v", "error", "-f", "concat", "-safe", "0", "-i",
                                               list.string(), "-c", "copy", source.string()})
-                  .exitCode,
-              0);
+            .exitCode,
+        0);
     fs::remove(list);
     auto job = sandbox.job(source, FrameExtractionOptions{});
     const Outcome outcome = runJob(*job);
@@ -208,8 +170,8 @@ TEST(FrameExtractionJob, RefusesAVideoThatChangesSizeAndLeavesNothing) {
               JobFailure::sentence("analysis",
                                    "This video changes size partway through, so frames can't be "
                                    "taken from it. Nothing was saved."));
-    EXPECT_THAT(contents(sandbox.outputs()), IsEmpty());
-    EXPECT_THAT(contents(sandbox.temporary()), IsEmpty());
+    EXPECT_THAT(test::treeEntries(sandbox.outputs()), IsEmpty());
+    EXPECT_THAT(test::treeEntries(sandbox.temporary()), IsEmpty());
 }
 
 TEST(FrameExtractionJob, CancellingAtAnyPointLeavesNothing) {
@@ -252,8 +214,8 @@ TEST(FrameExtractionJob, CancellingAtAnyPointLeavesNothing) {
         }
         ASSERT_TRUE(failure) << static_cast<int>(when);
         EXPECT_TRUE(failure->wasCancelled) << static_cast<int>(when) << " " << failure->stderrTail;
-        EXPECT_THAT(contents(sandbox.outputs()), IsEmpty()) << static_cast<int>(when);
-        EXPECT_THAT(contents(sandbox.temporary()), IsEmpty()) << static_cast<int>(when);
+        EXPECT_THAT(test::treeEntries(sandbox.outputs()), IsEmpty()) << static_cast<int>(when);
+        EXPECT_THAT(test::treeEntries(sandbox.temporary()), IsEmpty()) << static_cast<int>(when);
     }
 }
 
@@ -283,7 +245,7 @@ TEST(FrameExtractionJob, ChecksOptionsAndTheRangeFirst) {
     EXPECT_EQ(unreadable->step, "probe");
     EXPECT_THAT(unreadable->stderrTail, ::testing::HasSubstr("notes.mp4"));
     EXPECT_THAT(unreadable->stderrTail, ::testing::Not(::testing::HasSubstr("tessarin-work")));
-    EXPECT_THAT(contents(sandbox.outputs()), IsEmpty());
+    EXPECT_THAT(test::treeEntries(sandbox.outputs()), IsEmpty());
     EXPECT_EQ(automaticFrameBudget(60), 24);
     EXPECT_EQ(automaticFrameBudget(4000), 800);
     EXPECT_EQ(automaticFrameBudget(10000), 1000);

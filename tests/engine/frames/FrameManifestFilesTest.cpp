@@ -14,13 +14,15 @@
 #include <string>
 
 #include "engine/frames/FrameManifest.hpp"
-#include "tests/support/TempDir.hpp"
+#include "tests/support/Files.hpp"
 
 namespace tessarin::engine {
 namespace {
 
 namespace fs = std::filesystem;
+using test::readFile;
 using test::TempDir;
+using test::writeFile;
 
 FrameManifest twoFrames(FrameImageFormat format) {
     FrameManifest manifest;
@@ -52,23 +54,6 @@ FrameManifest twoFrames(FrameImageFormat format) {
     return manifest;
 }
 
-std::string contents(const fs::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::ostringstream text;
-    text << stream.rdbuf();
-    return text.str();
-}
-
-void writeFile(const fs::path& path, std::string_view text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-mode_t permissions(const fs::path& path) {
-    struct stat status {};
-    EXPECT_EQ(::lstat(path.c_str(), &status), 0) << path;
-    return status.st_mode & 07777;
-}
-
 // Runs `body` and gives the WriteFailure it threw, or nothing when it returned.
 template <typename Body>
 std::optional<FrameManifest::WriteFailure> writeFailure(Body body) {
@@ -93,19 +78,17 @@ private:
     mode_t previousMask_ = 0;
 };
 
-TEST_F(FrameFolderFiles, WritesTheManifestPrivately) {
+// Private unless privacy can't be enforced on the folder's file system.
+TEST_F(FrameFolderFiles, WritesTheManifest) {
     const FrameManifest manifest = twoFrames(FrameImageFormat::jpeg);
     writeFramesJson(staging_.path(), manifest, true);
+    EXPECT_EQ(readFile(json_), manifest.encodedText());
+    EXPECT_EQ(FrameManifest::decodedText(readFile(json_)), manifest);
+    EXPECT_EQ(test::fileMode(json_), 0600U);
 
-    EXPECT_EQ(contents(json_), manifest.encodedText());
-    EXPECT_EQ(FrameManifest::decodedText(contents(json_)), manifest);
-    EXPECT_EQ(permissions(json_), 0600U);
-}
-
-TEST_F(FrameFolderFiles, WritesTheManifestReadableWhenPrivacyCannotBeEnforced) {
-    writeFramesJson(staging_.path(), twoFrames(FrameImageFormat::jpeg), false);
-
-    EXPECT_EQ(permissions(json_), 0644U);
+    TempDir shared;
+    writeFramesJson(shared.path(), manifest, false);
+    EXPECT_EQ(test::fileMode(shared / "frames.json"), 0644U);
 }
 
 TEST_F(FrameFolderFiles, NeverReplacesAnExistingManifest) {
@@ -117,7 +100,7 @@ TEST_F(FrameFolderFiles, NeverReplacesAnExistingManifest) {
     ASSERT_TRUE(failure.has_value());
     EXPECT_STREQ(failure->what(), "Could not write the frame list (errno 17).");
     EXPECT_EQ(failure->errorNumber, EEXIST);
-    EXPECT_EQ(contents(json_), first.encodedText());
+    EXPECT_EQ(readFile(json_), first.encodedText());
 }
 
 TEST_F(FrameFolderFiles, RefusesALinkInThePlaceOfTheManifest) {
@@ -158,12 +141,12 @@ TEST_F(FrameFolderFiles, NamesTheScratchPicturesInOrder) {
 
     nameFrames(staging_.path(), manifest, true);
 
-    EXPECT_EQ(contents(staging_ / "frame-001-0.000s.png"), "first");
-    EXPECT_EQ(contents(staging_ / "frame-002-1.500s.png"), "second");
+    EXPECT_EQ(readFile(staging_ / "frame-001-0.000s.png"), "first");
+    EXPECT_EQ(readFile(staging_ / "frame-002-1.500s.png"), "second");
     EXPECT_FALSE(fs::exists(staging_ / "000001.png"));
     EXPECT_FALSE(fs::exists(staging_ / "000002.png"));
-    EXPECT_EQ(permissions(staging_ / "frame-001-0.000s.png"), 0600U);
-    EXPECT_EQ(permissions(staging_ / "frame-002-1.500s.png"), 0600U);
+    EXPECT_EQ(test::fileMode(staging_ / "frame-001-0.000s.png"), 0600U);
+    EXPECT_EQ(test::fileMode(staging_ / "frame-002-1.500s.png"), 0600U);
 }
 
 TEST_F(FrameFolderFiles, LeavesPictureModesAloneWhenPrivacyCannotBeEnforced) {
@@ -173,8 +156,8 @@ TEST_F(FrameFolderFiles, LeavesPictureModesAloneWhenPrivacyCannotBeEnforced) {
 
     nameFrames(staging_.path(), twoFrames(FrameImageFormat::jpeg), false);
 
-    EXPECT_EQ(permissions(staging_ / "frame-001-0.000s.jpg"), 0644U);
-    EXPECT_EQ(permissions(staging_ / "frame-002-1.500s.jpg"), 0640U);
+    EXPECT_EQ(test::fileMode(staging_ / "frame-001-0.000s.jpg"), 0644U);
+    EXPECT_EQ(test::fileMode(staging_ / "frame-002-1.500s.jpg"), 0640U);
 }
 
 TEST_F(FrameFolderFiles, NamingFailsOnAMissingPicture) {
@@ -196,8 +179,8 @@ TEST_F(FrameFolderFiles, NamingNeverReplacesAFile) {
         writeFailure([&] { nameFrames(staging_.path(), twoFrames(FrameImageFormat::jpeg), true); });
     ASSERT_TRUE(failure.has_value());
     EXPECT_STREQ(failure->what(), "Could not name the frames (errno 17).");
-    EXPECT_EQ(contents(staging_ / "frame-001-0.000s.jpg"), "already here");
-    EXPECT_EQ(contents(staging_ / "000001.jpg"), "first");
+    EXPECT_EQ(readFile(staging_ / "frame-001-0.000s.jpg"), "already here");
+    EXPECT_EQ(readFile(staging_ / "000001.jpg"), "first");
 }
 
 TEST_F(FrameFolderFiles, NamingRefusesANameOutsideTheFolder) {

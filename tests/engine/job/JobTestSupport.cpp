@@ -24,49 +24,6 @@ namespace tessarin::test {
 namespace fs = std::filesystem;
 using namespace engine;
 
-JobSandbox::JobSandbox() {
-    if (const char* value = std::getenv("TMPDIR")) {
-        previousTmpdir_ = value;
-    }
-    fs::create_directory(sources());
-    fs::create_directory(outputs());
-    fs::create_directory(temporary());
-    fs::permissions(temporary(), fs::perms::owner_all, fs::perm_options::replace);
-    fs::permissions(outputs(), fs::perms::owner_all, fs::perm_options::replace);
-    ::setenv("TMPDIR", temporary().c_str(), 1);
-}
-
-JobSandbox::~JobSandbox() {
-    if (previousTmpdir_) {
-        ::setenv("TMPDIR", previousTmpdir_->c_str(), 1);
-    } else {
-        ::unsetenv("TMPDIR");
-    }
-}
-
-fs::path JobSandbox::place(const fs::path& clip, const std::string& name) const {
-    const fs::path target = sources() / name;
-    fs::copy_file(clip, target, fs::copy_options::overwrite_existing);
-    return target;
-}
-
-std::vector<std::string> JobSandbox::leftovers(const std::vector<fs::path>& keep) const {
-    std::vector<std::string> found;
-    for (const fs::path& folder : {outputs(), temporary()}) {
-        for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-            if (std::find(keep.begin(), keep.end(), entry.path()) == keep.end()) {
-                found.push_back(fs::relative(entry.path(), root_.path()).string());
-            }
-        }
-    }
-    return found;
-}
-
-Tools helperTools() {
-    const fs::path folder = helperDirectory();
-    return Tools{folder / "ffmpeg", folder / "ffprobe", folder / "gifsicle", std::nullopt};
-}
-
 Tools fakeTools(const fs::path& folder, std::optional<std::string> ffprobeBody,
                 std::optional<std::string> gifsicleBody) {
     fs::create_directories(folder);

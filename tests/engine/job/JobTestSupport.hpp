@@ -1,6 +1,5 @@
-// A sandbox for conversion-job tests: source, output and temporary folders of their own (the
-// temporary one is TMPDIR while the sandbox lives), a job runner that records what the job
-// reported, and small probes of finished files.
+// Conversion-job tests: a job runner that records what the job reported, fake tools, and small
+// probes of finished files.
 #pragma once
 
 #include <chrono>
@@ -12,7 +11,8 @@
 #include <vector>
 
 #include "engine/job/ConversionJob.hpp"
-#include "tests/support/TempDir.hpp"
+#include "tests/support/Files.hpp"
+#include "tests/support/TestMedia.hpp"
 
 namespace tessarin::engine {
 // Readable failures in test messages.
@@ -34,34 +34,8 @@ struct JobRecord {
     std::optional<engine::MediaInfo> info;
 };
 
-class JobSandbox {
-public:
-    JobSandbox();
-    ~JobSandbox();
-    JobSandbox(const JobSandbox&) = delete;
-    JobSandbox& operator=(const JobSandbox&) = delete;
-
-    [[nodiscard]] std::filesystem::path sources() const { return root_ / "in"; }
-    [[nodiscard]] std::filesystem::path outputs() const { return root_ / "out"; }
-    [[nodiscard]] std::filesystem::path temporary() const { return root_ / "tmp"; }
-    [[nodiscard]] std::filesystem::path root() const { return root_.path(); }
-
-    // Copies `clip` into the source folder as `name`.
-    [[nodiscard]] std::filesystem::path place(const std::filesystem::path& clip,
-                                              const std::string& name) const;
-
-    // Every entry below the output and temporary folders (recursively) except `keep`, as paths
-    // relative to the sandbox. Empty means nothing was left behind.
-    [[nodiscard]] std::vector<std::string> leftovers(
-        const std::vector<std::filesystem::path>& keep = {}) const;
-
-private:
-    TempDir root_;
-    std::optional<std::string> previousTmpdir_;
-};
-
-// The build's helper tools.
-[[nodiscard]] engine::Tools helperTools();
+// Source, output and temporary folders of one job test.
+using JobSandbox = Sandbox;
 
 // A tools folder in `folder` holding links to the helper ffmpeg and ffprobe and, for each body
 // given, a script of that body in place of the tool ("$REAL" in a body is the real tool's path).

@@ -1,28 +1,22 @@
-// A private folder per test for the file log, with the journal switched off so that test lines
-// stay out of the machine's journal.
+// A private folder per test for the file log, with the journal switched off so
+// that test lines stay out of the machine's journal.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "engine/log/Log.hpp"
+#include "tests/support/Files.hpp"
 
 namespace tessarin::engine {
 
 class LogFileTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tessarin-log-XXXXXX");
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        folder_ = pattern;
-        logFile_ = folder_ / "tessarin.log";
         setJournalSinkEnabled(false);
         setLogFileForTesting(logFile_);
     }
@@ -30,18 +24,11 @@ protected:
     void TearDown() override {
         setLogFileForTesting(std::nullopt);
         setJournalSinkEnabled(true);
-        std::error_code ignored;
-        std::filesystem::remove_all(folder_, ignored);
-    }
-
-    static std::string readFile(const std::filesystem::path& path) {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
 
     // The file's lines without their line breaks; fails the test if the last one is unfinished.
     static std::vector<std::string> readLines(const std::filesystem::path& path) {
-        const std::string text = readFile(path);
+        const std::string text = test::readFile(path);
         std::vector<std::string> lines;
         std::size_t begin = 0;
         for (std::size_t end = text.find('\n'); end != std::string::npos;
@@ -61,8 +48,9 @@ protected:
         return std::regex_match(line, shape);
     }
 
-    std::filesystem::path folder_;
-    std::filesystem::path logFile_;
+    test::TempDir folderRoot_;
+    const std::filesystem::path& folder_ = folderRoot_.path();
+    std::filesystem::path logFile_ = folder_ / "tessarin.log";
 };
 
 }  // namespace tessarin::engine

@@ -21,11 +21,7 @@ using test::testClip;
 using ::testing::ElementsAre;
 using ::testing::Optional;
 
-Tools helperTools() {
-    const std::optional<Tools> tools = Tools::inBundle(test::helperDirectory());
-    EXPECT_TRUE(tools.has_value()) << test::helperDirectory();
-    return tools.value();
-}
+using test::helperTools;
 
 MediaInfo probeClip(TestClip clip, bool includeChapters = false) {
     ProcessRunner runner;
@@ -89,12 +85,11 @@ TEST(MediaProbe, ReadsTheFactsOfEveryTestClip) {
     const MediaInfo odd = probeClip(TestClip::oddDimensions);
     EXPECT_EQ(odd.width, 321);
     EXPECT_EQ(odd.height, 241);
-}
 
-TEST(MediaProbe, TenBitSdrCountsAsHdrBecauseItMayNeedToneMapping) {
-    const MediaInfo info = probeClip(TestClip::tenBit);
-    EXPECT_EQ(info.videoCodec, "h264");
-    EXPECT_TRUE(info.isHDR);
+    // Ten-bit SDR counts as HDR because it may need tone mapping.
+    const MediaInfo tenBit = probeClip(TestClip::tenBit);
+    EXPECT_EQ(tenBit.videoCodec, "h264");
+    EXPECT_TRUE(tenBit.isHDR);
 }
 
 TEST(MediaProbe, CoverArtIsNotAPrimaryVideoStream) {

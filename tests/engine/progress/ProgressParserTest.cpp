@@ -1,8 +1,4 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cmath>
 #include <limits>
@@ -10,76 +6,26 @@
 #include <string>
 #include <vector>
 
+#include "engine/process/ProcessRunner.hpp"
 #include "engine/progress/ProgressParser.hpp"
-
-extern char** environ;
 
 namespace tessarin::engine {
 namespace {
 
 // ffmpeg's stdout while it renders two seconds of a 25 fps test pattern at four times real time,
 // reporting every 50 ms: a dozen blocks, the last one "progress=end".
-std::string captureRealTranscript() {
-    const std::string ffmpeg = std::string(TESSARIN_HELPER_DIR) + "/ffmpeg";
-    std::vector<std::string> args = {ffmpeg,
-                                     "-nostdin",
-                                     "-v",
-                                     "error",
-                                     "-readrate",
-                                     "4",
-                                     "-f",
-                                     "lavfi",
-                                     "-i",
-                                     "testsrc2=size=32x32:rate=25:duration=2",
-                                     "-stats_period",
-                                     "0.05",
-                                     "-progress",
-                                     "pipe:1",
-                                     "-f",
-                                     "null",
-                                     "-"};
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe2 failed";
-        return {};
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
-    pid_t pid = 0;
-    const int spawned = posix_spawn(&pid, ffmpeg.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeFds[1]);
-    std::string output;
-    if (spawned == 0) {
-        char chunk[4096];
-        ssize_t n = 0;
-        while ((n = read(pipeFds[0], chunk, sizeof chunk)) != 0) {
-            if (n > 0) {
-                output.append(chunk, static_cast<std::size_t>(n));
-            } else if (errno != EINTR) {
-                break;
-            }
-        }
-        int status = 0;
-        waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "ffmpeg failed: " << status;
-    } else {
-        ADD_FAILURE() << "could not start " << ffmpeg;
-    }
-    close(pipeFds[0]);
-    return output;
-}
-
 const std::string& realTranscript() {
-    static const std::string transcript = captureRealTranscript();
+    static const std::string transcript = [] {
+        ProcessRunner runner;
+        const ProcessResult result =
+            runner.run(std::string(TESSARIN_HELPER_DIR) + "/ffmpeg",
+                       {"-nostdin", "-v", "error", "-readrate", "4", "-f", "lavfi", "-i",
+                        "testsrc2=size=32x32:rate=25:duration=2", "-stats_period", "0.05",
+                        "-progress", "pipe:1", "-f", "null", "-"},
+                       true, false, 60.0);
+        EXPECT_EQ(result.exitCode, 0) << result.stderrTail;
+        return result.stdoutData.value_or("");
+    }();
     return transcript;
 }
 

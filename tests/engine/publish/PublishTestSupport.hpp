@@ -1,6 +1,5 @@
-// Shared pieces of the publish tests: a temporary folder per test, small file helpers, file
-// ages, and root-only mounts (a size-limited tmpfs, a loop-mounted btrfs image) that are always
-// taken down again.
+// Shared pieces of the publish tests: sparse files, file ages, and root-only mounts (a
+// size-limited tmpfs, a loop-mounted btrfs image) that are always taken down again.
 #pragma once
 
 #include <fcntl.h>
@@ -21,55 +20,17 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/Files.hpp"
+
 extern char** environ;
 
 namespace tessarin::engine::testing {
 
 namespace fs = std::filesystem;
 
-// A fresh private folder under /tmp, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = (fs::temp_directory_path() / "tessarin-publish-test-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp failed");
-        }
-        path_ = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    [[nodiscard]] const fs::path& path() const { return path_; }
-    [[nodiscard]] fs::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    fs::path path_;
-};
-
-inline void writeFile(const fs::path& path, const std::string& content, mode_t mode = 0644) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-    ASSERT_GE(fd, 0) << path << ": " << std::strerror(errno);
-    ASSERT_EQ(::write(fd, content.data(), content.size()), static_cast<ssize_t>(content.size()));
-    ::close(fd);
-}
-
-inline std::string readFile(const fs::path& path) {
-    std::string content;
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return "<unreadable>";
-    }
-    char buffer[65536];
-    for (ssize_t got; (got = ::read(fd, buffer, sizeof buffer)) > 0;) {
-        content.append(buffer, static_cast<std::size_t>(got));
-    }
-    ::close(fd);
-    return content;
-}
+using test::readFile;
+using test::TempDir;
+using test::writeFile;
 
 // A sparse file of `size` bytes with a marker at its start and its end, so that a copy is
 // checkable at both ends without writing all of it.
@@ -194,7 +155,9 @@ public:
         fs::create_directories(mountPoint);
         if (runProgram({"/usr/bin/mount", "-o", "loop", image.string(), mountPoint.string()}) !=
             0) {
-            mount.reason_ = "mount -o loop of the btrfs image failed (no loop devices or no btrfs)";
+            mount.reason_ =
+                "mount -o loop of the btrfs image failed (no loop "
+                "devices or no btrfs)";
             return mount;
         }
         mount.mountPoint_ = mountPoint;

@@ -19,11 +19,7 @@ namespace {
 
 using nlohmann::json;
 
-mode_t modeOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
-}
+using test::fileMode;
 
 // Runs `check` in a child process, as the unprivileged user "nobody" when the tests run as root
 // (root ignores permissions), and returns its exit status: 0 means every check passed.
@@ -200,13 +196,13 @@ TEST_F(SettingsTest, ANumberWrittenAsTheOtherKindOfNumberReachesTheFile) {
 TEST_F(SettingsTest, NewFilesArePrivateAndRewritesKeepTheMode) {
     SettingsStore store(settingsFile_);
     store.setBool("a", true);
-    EXPECT_EQ(modeOf(configFolder_), 0700u);
-    EXPECT_EQ(modeOf(folder_ / "config"), 0700u);
-    EXPECT_EQ(modeOf(settingsFile_), 0600u);
+    EXPECT_EQ(fileMode(configFolder_), 0700u);
+    EXPECT_EQ(fileMode(folder_ / "config"), 0700u);
+    EXPECT_EQ(fileMode(settingsFile_), 0600u);
 
     ASSERT_EQ(::chmod(settingsFile_.c_str(), 0644), 0);
     store.setBool("a", false);
-    EXPECT_EQ(modeOf(settingsFile_), 0644u);
+    EXPECT_EQ(fileMode(settingsFile_), 0644u);
     EXPECT_EQ(store.boolValue("a"), false);
 }
 
@@ -401,32 +397,28 @@ TEST_F(SettingsTest, SomethingOtherThanAFileInItsPlaceIsRefusedWithoutHanging) {
 }
 
 TEST(SettingsLocation, ConfigHomeFollowsXdgThenHomeThenThePasswordEntry) {
-    {
-        const ScopedEnv xdg("XDG_CONFIG_HOME", "/somewhere/config");
-        const ScopedEnv home("HOME", "/home/someone");
-        EXPECT_EQ(SettingsStore::configHome(), fs::path("/somewhere/config"));
-    }
-    {
-        const ScopedEnv xdg("XDG_CONFIG_HOME", "relative/config");
-        const ScopedEnv home("HOME", "/home/someone");
-        EXPECT_EQ(SettingsStore::configHome(), fs::path("/home/someone/.config"));
-    }
-    {
-        const ScopedEnv xdg("XDG_CONFIG_HOME", "");
-        const ScopedEnv home("HOME", "/home/someone");
-        EXPECT_EQ(SettingsStore::configHome(), fs::path("/home/someone/.config"));
-    }
-    {
-        const ScopedEnv xdg("XDG_CONFIG_HOME", nullptr);
-        const ScopedEnv home("HOME", nullptr);
-        const passwd* entry = ::getpwuid(::getuid());
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(SettingsStore::configHome(), fs::path(entry->pw_dir) / ".config");
+    const passwd* entry = ::getpwuid(::getuid());
+    ASSERT_NE(entry, nullptr);
+    const struct {
+        std::optional<std::string> xdg;
+        std::optional<std::string> home;
+        fs::path expected;
+    } rows[] = {
+        {"/somewhere/config", "/home/someone", "/somewhere/config"},
+        // A relative or empty XDG_CONFIG_HOME is ignored.
+        {"relative/config", "/home/someone", "/home/someone/.config"},
+        {"", "/home/someone", "/home/someone/.config"},
+        {std::nullopt, std::nullopt, fs::path(entry->pw_dir) / ".config"},
+    };
+    for (const auto& row : rows) {
+        const ScopedEnv xdg("XDG_CONFIG_HOME", row.xdg);
+        const ScopedEnv home("HOME", row.home);
+        EXPECT_EQ(SettingsStore::configHome(), row.expected) << row.xdg.value_or("(unset)");
     }
 }
 
 TEST_F(SettingsTest, StandardAndSuiteStoresLieUnderConfigHome) {
-    const ScopedEnv xdg("XDG_CONFIG_HOME", (folder_ / "config").c_str());
+    const ScopedEnv xdg("XDG_CONFIG_HOME", (folder_ / "config").string());
     SettingsStore standard = SettingsStore::standard();
     EXPECT_EQ(standard.file(), settingsFile_);
     const SettingsStore old = SettingsStore::suite("com.orchardine.tessarin");
