@@ -15,9 +15,10 @@ packages=(
   qt6-multimedia-dev gstreamer1.0-plugins-good gstreamer1.0-libav
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
+  # a loopback HTTPS server with a certificate of its own, and curl to measure uploads against
+  openssl python3 curl
   # a decimal-comma locale, to show that numbers never follow the user's locale
   locales-all
-  libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth openssl python3 curl
   # fuzz targets: clang with its libFuzzer and sanitizer runtimes
   clang libclang-rt-14-dev
   # runtime: the media tools run as child processes
