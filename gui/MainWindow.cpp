@@ -300,6 +300,10 @@ void MainWindow::offerRecordingRecovery() {
     recoveryDialog_->open();
 }
 
+TrimEditorDialog* MainWindow::trimEditorDialog() const {
+    return trimEditor_;
+}
+
 TrimEditorDialog* MainWindow::openTrimEditor(const engine::Uuid& id, bool withPlayer) {
     if (trimEditor_) {
         trimEditor_->raise();

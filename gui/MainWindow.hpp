@@ -51,7 +51,7 @@ public:
     // The offer to recover unfinished recordings while it is open.
     [[nodiscard]] RecordingRecoveryDialog* recordingRecoveryDialog() const;
     // The trim editor while it is open.
-    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const { return trimEditor_; }
+    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const;
     // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
     // player out.
     TrimEditorDialog* openTrimEditor(const engine::Uuid& id, bool withPlayer = true);

@@ -493,7 +493,9 @@ void TrimEditor::confirmHandles() {
     if (!trimmingVisually_ || !handles_) {
         return;
     }
-    const auto [start, end] = *handles_;
+    // Plain names, not a structured binding: clang 14 can't capture those in a lambda.
+    const double start = handles_->first;
+    const double end = handles_->second;
     const std::size_t index = snapshot_.selected;
     change([&](TrimEditorSnapshot& s) {
         s.clips[index].start = start <= 0 ? "" : editorTimeText(start);
