@@ -191,8 +191,10 @@ RunOutcome runJoinAndScan(const fs::path& folder, const std::vector<RecordingSeg
     const auto runner = watchedRunner(work);
     ProcessResult result;
     try {
+        const double perSegment =
+            (scan ? kPacketScanTimeout : 0) + (joined ? kJoinTimeoutPerSegment : 0);
         result = runner->run(work.tools.ffmpeg, arguments, false, false,
-                             kPacketScanTimeout * static_cast<double>(segments.size()));
+                             perSegment * static_cast<double>(segments.size()));
     } catch (const LaunchError&) {
         removeWorkFiles();
         return {};
