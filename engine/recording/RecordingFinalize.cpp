@@ -220,6 +220,22 @@ void joinChecked(const std::vector<RecordingSegment>& segments, const fs::path& 
 
 }  // namespace
 
+bool RecordingFiles::removeLeftOver(const fs::path& directory) {
+    struct stat st {};
+    if (::lstat(directory.c_str(), &st) != 0 && errno == ENOENT) {
+        return true;
+    }
+    try {
+        const RecordingNamespace::Lease lease = RecordingNamespace::acquire(directory);
+        if (::fstatat(lease.descriptor(), kManifestName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            return false;
+        }
+        return removeTakeFolder(directory, lease.descriptor());
+    } catch (...) {
+        return false;
+    }
+}
+
 RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
     if (!ownership) {
         ownership = std::make_shared<RecordingNamespace::Lease>(RecordingNamespace::acquire(directory));

@@ -84,6 +84,16 @@ TEST(RecordingFiles, JoinsFragmentedSegmentsIncludingOneCutShortByACrash) {
     EXPECT_EQ(info.audioCodec, "aac");
     EXPECT_FALSE(fs::exists(files.directory));
     EXPECT_TRUE(findUnfinishedTakes(place.root, std::nullopt, nullptr).empty());
+
+    // A folder left over after saving is removed later only once it holds no manifest.
+    const fs::path leftOver = RecordingNamespace::createTakeFolder(place.root);
+    writeFile(leftOver / segmentName(0), "x");
+    writeFile(leftOver / "take.json", "{}");
+    EXPECT_FALSE(RecordingFiles::removeLeftOver(leftOver));
+    EXPECT_TRUE(fs::exists(leftOver / segmentName(0)));
+    fs::remove(leftOver / "take.json");
+    EXPECT_TRUE(RecordingFiles::removeLeftOver(leftOver));
+    EXPECT_FALSE(fs::exists(leftOver));
 }
 
 TEST(RecordingFiles, OneSegmentIsCopiedAndAnOccupiedNameKeepsEveryPart) {
