@@ -7,7 +7,8 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
-  tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench
+  tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench \
+  tessarin_recording_join_bench
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -23,6 +24,8 @@ echo "== fast cut (226 s of a 5-minute 1280x720 file vs a bare stream copy)"
 "$bin/tessarin_fast_cut_bench" "${1:-5}"
 echo "== frame export (2-minute 1080p slide recording: analysis vs decode, export vs scene one-liner)"
 "$bin/tessarin_frame_export_bench" "${1:-3}"
+echo "== recording take (10 two-second 1080p segments: finalised vs the bare concat join)"
+"$bin/tessarin_recording_join_bench" "${1:-5}"
 echo "== queue intake (30,000 entries holding 1,000 videos)"
 "$bin/tessarin_queue_intake_bench" 3
 echo "== cut aids (silence scan of 10 min vs bare silencedetect, a 30 s waveform, a 1080p thumbnail)"

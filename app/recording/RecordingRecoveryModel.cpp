@@ -99,6 +99,20 @@ void RecordingRecoveryModel::scan() {
     }
     busy_ = true;
     handoff_->start([this, root = root_, settings = settings_, work = work()] {
+        std::vector<std::string> stillThere;
+        for (const std::string& folder :
+             settings->stringListValue(kCleanupDirectoriesKey).value_or(std::vector<std::string>{})) {
+            if (!engine::RecordingFiles::removeLeftOver(folder)) {
+                stillThere.push_back(folder);
+            }
+        }
+        try {
+            if (settings->stringListValue(kCleanupDirectoriesKey).value_or(stillThere) != stillThere) {
+                settings->setStringList(kCleanupDirectoriesKey, stillThere);
+            }
+        } catch (const std::exception&) {
+            recoveryLog().error("event=\"cleanup list not saved\"");
+        }
         std::vector<engine::UnfinishedTake> found;
         try {
             found = engine::findUnfinishedTakes(root, storedDestination(*settings), &work);
@@ -126,6 +140,12 @@ void RecordingRecoveryModel::recover(const fs::path& directory) {
         engine::RecoveredTake done;
         try {
             done = engine::recoverTake(directory, storedDestination(*settings), work);
+            if (done.leftOver) {
+                std::vector<std::string> folders =
+                    settings->stringListValue(kCleanupDirectoriesKey).value_or(std::vector<std::string>{});
+                folders.push_back(done.leftOver->string());
+                settings->setStringList(kCleanupDirectoriesKey, folders);
+            }
         } catch (...) {
             failure = std::current_exception();
         }

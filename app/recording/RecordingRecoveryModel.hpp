@@ -24,6 +24,8 @@ namespace tessarin::app {
 class MainThreadHandoff;
 
 inline constexpr std::string_view kUnfinishedTakesKey = "screenRecording.unfinishedTakes";
+// Take folders that were saved but could not be removed; retried at every scan.
+inline constexpr std::string_view kCleanupDirectoriesKey = "screenRecording.cleanupDirectories";
 
 class RecordingRecoveryModel : public QObject {
     Q_OBJECT
@@ -37,7 +39,8 @@ public:
     RecordingRecoveryModel(const RecordingRecoveryModel&) = delete;
     RecordingRecoveryModel& operator=(const RecordingRecoveryModel&) = delete;
 
-    // Looks for unfinished takes; takesChanged() follows.
+    // Retries the clean-up of saved takes' folders, then looks for unfinished takes;
+    // takesChanged() follows.
     void scan();
     // Saves one take (by folder) to its recording folder; recovered() or failed() follows, then
     // takesChanged().

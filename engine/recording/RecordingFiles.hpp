@@ -107,6 +107,12 @@ struct RecordingFiles {
     // RecordingError(recordingInUse or unsafeRecoveryDiscard).
     void trash();
 
+    // Retries the clean-up of a folder that finalize() returned as left over: under the folder's
+    // lease, and only when it holds no "take.json" any more (so it is no take that still needs
+    // saving), removes the take's own files and the folder. True when the folder is gone (also
+    // when it already was). Never throws.
+    [[nodiscard]] static bool removeLeftOver(const std::filesystem::path& directory);
+
     // Writes the manifest of this take atomically. Throws std::system_error.
     void saveManifest() const;
     [[nodiscard]] TakeManifest manifest() const;

@@ -5,10 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <atomic>
 #include <cmath>
-#include <exception>
-#include <future>
 
 #include "engine/clips/Uuid.hpp"
 #include "engine/log/Log.hpp"
@@ -29,7 +26,6 @@ namespace {
 // Each seam of the concat demuxer may add up to one audio frame where the longer stream of a
 // segment ran on; a truncated fragment may end on a partial one.
 constexpr double kSeamToleranceSeconds = 0.1;
-constexpr std::size_t kScanWorkers = 4;
 
 const Logger& log() {
     static const Logger logger("com.tessarin.recording", "take");
@@ -164,39 +160,9 @@ bool removeTakeFolder(const fs::path& directory, int folderFd) {
     return ::rmdir(directory.c_str()) == 0 || errno == ENOENT;
 }
 
-// Scans every segment: one that ffprobe can't open or that has no readable video is
+// The scans of every segment: one that can't be opened or has no readable video is
 // unreadablePart with its number, counted from 1 (the first such number when there are several).
-// Scans run kScanWorkers at a time, since each is mostly a tool's start-up.
-std::vector<SegmentScan> scanAll(const std::vector<RecordingSegment>& segments,
-                                 const RecordingWork& work) {
-    std::vector<std::optional<SegmentScan>> scans(segments.size());
-    std::atomic<std::size_t> next{0};
-    const auto worker = [&] {
-        for (std::size_t index = next++; index < segments.size(); index = next++) {
-            checkCancelled(work);
-            scans[index] = scanSegment(segments[index].path, work);
-        }
-    };
-    std::vector<std::future<void>> workers;
-    for (std::size_t count = 1; count < std::min(kScanWorkers, segments.size()); ++count) {
-        workers.push_back(std::async(std::launch::async, worker));
-    }
-    std::exception_ptr failure;
-    try {
-        worker();
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    for (std::future<void>& running : workers) {
-        try {
-            running.get();
-        } catch (...) {
-            failure = failure ? failure : std::current_exception();
-        }
-    }
-    if (failure) {
-        std::rethrow_exception(failure);
-    }
+std::vector<SegmentScan> checkedScans(const std::vector<std::optional<SegmentScan>>& scans) {
     std::vector<SegmentScan> result;
     for (std::size_t index = 0; index < scans.size(); ++index) {
         const std::optional<SegmentScan>& scan = scans[index];
@@ -216,26 +182,21 @@ void discardJoined(int folder, const fs::path& joined, std::size_t segments) {
                      .str());
 }
 
-// Joins two or more segments into `joined` and checks the result against the segments: the
-// scans run beside the join (both only read the segments), and nothing joined is kept unless
-// every segment is readable, all have the same audio tracks, and the joined video lasts as long
-// as their readable parts together.
+// Joins two or more segments into `joined` and checks the result against the segments: nothing
+// joined is kept unless every segment is readable, all have the same audio tracks, and the joined
+// video lasts as long as their readable parts together.
 void joinChecked(const std::vector<RecordingSegment>& segments, const fs::path& joined,
                  int folder, const RecordingWork& work, std::optional<int64_t> expectedAudio) {
     checkCancelled(work);
-    std::future<std::vector<SegmentScan>> scanning =
-        std::async(std::launch::async, [&segments, &work] { return scanAll(segments, work); });
-    bool joinedOk = false;
-    try {
-        joinedOk = concatenateSegments(joined.parent_path(), segments, joined, work);
-    } catch (...) {
-        scanning.wait();
-        ::unlinkat(folder, joined.filename().c_str(), 0);
-        throw;
-    }
     std::vector<SegmentScan> scans;
+    std::optional<MediaInfo> info;
     try {
-        scans = scanning.get();
+        const JoinOutcome outcome = concatenateSegments(joined.parent_path(), segments, joined, work);
+        scans = checkedScans(outcome.scans);
+        // The joined file is an ordinary MP4 whose video duration is the sum of its samples.
+        if (outcome.joined) {
+            info = probeJoined(joined, work);
+        }
     } catch (...) {
         ::unlinkat(folder, joined.filename().c_str(), 0);
         throw;
@@ -249,8 +210,6 @@ void joinChecked(const std::vector<RecordingSegment>& segments, const fs::path& 
         }
         expected += *scan.videoSeconds;
     }
-    // The joined file is an ordinary MP4 whose video duration is the sum of its samples.
-    const std::optional<MediaInfo> info = joinedOk ? probeJoined(joined, work) : std::nullopt;
     const double slack = kSeamToleranceSeconds * static_cast<double>(segments.size());
     if (!info || !info->videoCodec || audioTrackCount(*info) != scans.front().audioStreams ||
         !info->videoDuration || std::abs(*info->videoDuration - expected) > slack) {
@@ -260,6 +219,22 @@ void joinChecked(const std::vector<RecordingSegment>& segments, const fs::path& 
 }
 
 }  // namespace
+
+bool RecordingFiles::removeLeftOver(const fs::path& directory) {
+    struct stat st {};
+    if (::lstat(directory.c_str(), &st) != 0 && errno == ENOENT) {
+        return true;
+    }
+    try {
+        const RecordingNamespace::Lease lease = RecordingNamespace::acquire(directory);
+        if (::fstatat(lease.descriptor(), kManifestName, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+            return false;
+        }
+        return removeTakeFolder(directory, lease.descriptor());
+    } catch (...) {
+        return false;
+    }
+}
 
 RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
     if (!ownership) {
@@ -286,7 +261,7 @@ RecordingFiles::Finalized RecordingFiles::finalize(const RecordingWork& work) {
         result.parts = static_cast<int64_t>(segments.size());
         const fs::path joined = directory / ("joined-" + Uuid::random().text() + ".mp4");
         if (segments.size() == 1) {
-            (void)scanAll(segments, work);
+            (void)checkedScans(scanSegments(directory, segments, work));
             // A second name for the segment, so that publishing copies it and the segment itself
             // stays until the take is published.
             if (::linkat(folder, segments.front().path.filename().c_str(), folder,

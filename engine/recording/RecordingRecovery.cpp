@@ -72,6 +72,8 @@ std::vector<UnfinishedTake> findUnfinishedTakes(const fs::path& root,
         }
         UnfinishedTake take;
         try {
+            // Held while the segments are scanned, since the scan leaves work files in the folder.
+            const RecordingNamespace::Lease lease = RecordingNamespace::acquire(folder);
             const RecordingFiles files = RecordingFiles::load(folder, fallbackDestination);
             take.id = *RecordingNamespace::takeId(name);
             take.directory = folder;
@@ -81,10 +83,8 @@ std::vector<UnfinishedTake> findUnfinishedTakes(const fs::path& root,
             take.segments = static_cast<int64_t>(segments.size());
             if (work != nullptr) {
                 double total = 0;
-                for (const RecordingSegment& segment : segments) {
-                    if (const auto scan = scanSegment(segment.path, *work)) {
-                        total += scan->videoSeconds.value_or(0);
-                    }
+                for (const std::optional<SegmentScan>& scan : scanSegments(folder, segments, *work)) {
+                    total += scan ? scan->videoSeconds.value_or(0) : 0;
                 }
                 take.recoverableSeconds = total;
             }
@@ -92,7 +92,8 @@ std::vector<UnfinishedTake> findUnfinishedTakes(const fs::path& root,
             log().notice(KeyValues().add("event", "skipped").add("reason", "invalidManifest").str());
             continue;
         } catch (const RecordingError& error) {
-            // A take whose parts can't all be read is still offered; recovery says what failed.
+            // A take whose parts can't all be read is still offered, and recovery says what
+            // failed; one that has just been taken up by a recorder is not.
             if (error.kind != RecordingError::Case::unreadablePart) {
                 continue;
             }

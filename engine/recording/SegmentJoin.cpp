@@ -12,6 +12,7 @@
 
 #include "engine/clips/Uuid.hpp"
 #include "engine/probe/MediaProbe.hpp"
+#include "engine/recording/FrameCrcScan.hpp"
 #include "engine/recording/internal/Posix.hpp"
 
 namespace tessarin::engine {
@@ -117,38 +118,138 @@ std::optional<SegmentScan> scanSegment(const fs::path& file, const RecordingWork
     return scan;
 }
 
-bool concatenateSegments(const fs::path& folder, const std::vector<RecordingSegment>& segments,
-                         const fs::path& output, const RecordingWork& work) {
+namespace {
+
+// Reads one framecrc listing; nothing when it can't be read to its end.
+std::optional<SegmentScan> readListing(const fs::path& listing) {
+    std::ifstream in(listing);
+    FrameCrcScan reader;
+    std::string line;
+    while (std::getline(in, line)) {
+        reader.addLine(line);
+    }
+    if (!in.eof()) {
+        return std::nullopt;
+    }
+    return SegmentScan{reader.videoStreams(), reader.audioStreams(), reader.videoSeconds()};
+}
+
+// Writes the concat demuxer's list of `segments` as a hidden work file in `folder`. Segment names
+// are plain ("segment-00001.mp4"), so the demuxer's safe mode accepts them.
+fs::path writeConcatList(const fs::path& folder, const std::vector<RecordingSegment>& segments) {
     const fs::path list = folder / (".tessarin-concat-" + Uuid::random().text() + ".txt");
-    {
-        std::ofstream out(list);
-        // Segment names are plain ("segment-00001.mp4"), so the demuxer's safe mode accepts them.
-        for (const RecordingSegment& segment : segments) {
-            out << "file '" << segment.path.filename().string() << "'\n";
+    std::ofstream out(list);
+    for (const RecordingSegment& segment : segments) {
+        out << "file '" << segment.path.filename().string() << "'\n";
+    }
+    out.close();
+    if (!out) {
+        ::unlink(list.c_str());
+        throw posixError(EIO, "concat list");
+    }
+    return list;
+}
+
+struct RunOutcome {
+    bool succeeded = false;
+    std::vector<std::optional<SegmentScan>> scans;  // when succeeded and scans were asked for
+};
+
+// One ffmpeg run: with `joined`, the concat demuxer copies `segments` into it (input 0); with
+// `scan`, each segment is also an input of its own, copied without decoding into a framecrc
+// listing. Work files are removed on every way out.
+RunOutcome runJoinAndScan(const fs::path& folder, const std::vector<RecordingSegment>& segments,
+                          const std::optional<fs::path>& joined, bool scan,
+                          const RecordingWork& work) {
+    std::vector<fs::path> workFiles;
+    const auto removeWorkFiles = [&workFiles] {
+        for (const fs::path& file : workFiles) {
+            ::unlink(file.c_str());
         }
-        out.close();
-        if (!out) {
-            ::unlink(list.c_str());
-            throw posixError(EIO, "concat list");
+    };
+    std::vector<std::string> arguments = {"-nostdin", "-hide_banner", "-v", "error", "-y"};
+    std::vector<std::string> outputs;
+    std::size_t input = 0;
+    if (joined) {
+        workFiles.push_back(writeConcatList(folder, segments));
+        arguments.insert(arguments.end(), {"-f", "concat", "-i", workFiles.back().string()});
+        outputs.insert(outputs.end(), {"-map", "0", "-c", "copy", "-f", "mp4", joined->string()});
+        ++input;
+    }
+    std::vector<fs::path> listings;
+    if (scan) {
+        const std::string stem = ".tessarin-scan-" + Uuid::random().text() + "-";
+        for (const RecordingSegment& segment : segments) {
+            arguments.insert(arguments.end(), {"-i", segment.path.string()});
+            listings.push_back(folder / (stem + std::to_string(listings.size()) + ".txt"));
+            workFiles.push_back(listings.back());
+            outputs.insert(outputs.end(), {"-map", std::to_string(input++), "-c", "copy", "-f",
+                                           "framecrc", listings.back().string()});
         }
     }
+    arguments.insert(arguments.end(), outputs.begin(), outputs.end());
     const auto runner = watchedRunner(work);
     ProcessResult result;
-    bool launched = true;
     try {
-        result = runner->run(
-            work.tools.ffmpeg,
-            {"-nostdin", "-hide_banner", "-v", "error", "-f", "concat", "-i", list.string(), "-map",
-             "0", "-c", "copy", "-f", "mp4", output.string()},
-            false, false, kJoinTimeoutPerSegment * static_cast<double>(segments.size()));
+        const double perSegment =
+            (scan ? kPacketScanTimeout : 0) + (joined ? kJoinTimeoutPerSegment : 0);
+        result = runner->run(work.tools.ffmpeg, arguments, false, false,
+                             perSegment * static_cast<double>(segments.size()));
     } catch (const LaunchError&) {
-        launched = false;
+        removeWorkFiles();
+        return {};
     }
-    ::unlink(list.c_str());
-    if (launched && result.wasCancelled && !result.timedOut) {
+    if (result.wasCancelled && !result.timedOut) {
+        removeWorkFiles();
         throw posixError(ECANCELED, "join");
     }
-    return launched && !result.timedOut && result.exitCode == 0;
+    RunOutcome outcome;
+    outcome.succeeded = !result.timedOut && result.exitCode == 0;
+    if (outcome.succeeded) {
+        for (const fs::path& listing : listings) {
+            outcome.scans.push_back(readListing(listing));
+        }
+    }
+    removeWorkFiles();
+    return outcome;
+}
+
+}  // namespace
+
+std::vector<std::optional<SegmentScan>> scanSegments(const fs::path& folder,
+                                                     const std::vector<RecordingSegment>& segments,
+                                                     const RecordingWork& work) {
+    std::vector<std::optional<SegmentScan>> scans;
+    for (std::size_t start = 0; start < segments.size(); start += kSegmentsPerScan) {
+        if (work.isCancelled && work.isCancelled()) {
+            throw posixError(ECANCELED, "scan");
+        }
+        const std::vector<RecordingSegment> batch(
+            segments.begin() + static_cast<std::ptrdiff_t>(start),
+            segments.begin() + static_cast<std::ptrdiff_t>(std::min(start + kSegmentsPerScan,
+                                                                    segments.size())));
+        const RunOutcome outcome = runJoinAndScan(folder, batch, std::nullopt, true, work);
+        if (outcome.succeeded) {
+            scans.insert(scans.end(), outcome.scans.begin(), outcome.scans.end());
+            continue;
+        }
+        for (const RecordingSegment& segment : batch) {
+            scans.push_back(scanSegment(segment.path, work));
+        }
+    }
+    return scans;
+}
+
+JoinOutcome concatenateSegments(const fs::path& folder, const std::vector<RecordingSegment>& segments,
+                                const fs::path& output, const RecordingWork& work) {
+    const bool together = segments.size() <= kSegmentsPerScan;
+    RunOutcome run = runJoinAndScan(folder, segments, output, together, work);
+    JoinOutcome outcome;
+    outcome.joined = run.succeeded;
+    // A run that failed as a whole says nothing of any one segment: they are scanned apart.
+    outcome.scans = together && run.succeeded ? std::move(run.scans)
+                                              : scanSegments(folder, segments, work);
+    return outcome;
 }
 
 }  // namespace tessarin::engine

@@ -26,13 +26,31 @@ struct SegmentScan {
 [[nodiscard]] std::optional<SegmentScan> scanSegment(const std::filesystem::path& file,
                                                      const RecordingWork& work);
 
+// Scans `segments` (in `folder`) with as few tool runs as possible: ffmpeg copies up to
+// kSegmentsPerScan of them at a time, without decoding, into one "framecrc" listing each (hidden
+// work files in `folder`, removed afterwards). A batch that ffmpeg refuses as a whole (a segment
+// it can't open) is scanned one segment at a time with ffprobe, so each result stands for its own
+// segment. Nothing in a result means that segment can't be opened. Throws std::system_error
+// (ECANCELED) when cancelled.
+inline constexpr std::size_t kSegmentsPerScan = 32;
+[[nodiscard]] std::vector<std::optional<SegmentScan>> scanSegments(
+    const std::filesystem::path& folder, const std::vector<RecordingSegment>& segments,
+    const RecordingWork& work);
+
+struct JoinOutcome {
+    bool joined = false;  // ffmpeg wrote `output` and ended well
+    std::vector<std::optional<SegmentScan>> scans;  // one per segment, as scanSegments gives
+};
+
 // Joins `segments` (in `folder`, by name) into `output` with the concat demuxer and stream copy,
-// writing the list as a hidden work file in `folder` and removing it afterwards. False when
-// ffmpeg failed. Throws std::system_error (ECANCELED when cancelled, or the errno of the list).
-[[nodiscard]] bool concatenateSegments(const std::filesystem::path& folder,
-                                       const std::vector<RecordingSegment>& segments,
-                                       const std::filesystem::path& output,
-                                       const RecordingWork& work);
+// and scans them as scanSegments does. Up to kSegmentsPerScan segments, one ffmpeg run does both
+// (each segment is then read twice by one process, which costs less than a tool start-up).
+// Work files (the list, the listings) are hidden files in `folder`, removed afterwards. Throws
+// std::system_error (ECANCELED when cancelled, or the errno of the list).
+[[nodiscard]] JoinOutcome concatenateSegments(const std::filesystem::path& folder,
+                                              const std::vector<RecordingSegment>& segments,
+                                              const std::filesystem::path& output,
+                                              const RecordingWork& work);
 
 // The number of audio tracks in `info`.
 [[nodiscard]] int64_t audioTrackCount(const MediaInfo& info);

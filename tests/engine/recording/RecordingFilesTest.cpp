@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -39,6 +40,15 @@ Case caseOf(const std::function<void()>& action) {
     return Case::timedOut;
 }
 
+std::vector<std::string> namesOf(const fs::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 void writeFile(const fs::path& path, const std::string& text) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
@@ -74,6 +84,16 @@ TEST(RecordingFiles, JoinsFragmentedSegmentsIncludingOneCutShortByACrash) {
     EXPECT_EQ(info.audioCodec, "aac");
     EXPECT_FALSE(fs::exists(files.directory));
     EXPECT_TRUE(findUnfinishedTakes(place.root, std::nullopt, nullptr).empty());
+
+    // A folder left over after saving is removed later only once it holds no manifest.
+    const fs::path leftOver = RecordingNamespace::createTakeFolder(place.root);
+    writeFile(leftOver / segmentName(0), "x");
+    writeFile(leftOver / "take.json", "{}");
+    EXPECT_FALSE(RecordingFiles::removeLeftOver(leftOver));
+    EXPECT_TRUE(fs::exists(leftOver / segmentName(0)));
+    fs::remove(leftOver / "take.json");
+    EXPECT_TRUE(RecordingFiles::removeLeftOver(leftOver));
+    EXPECT_FALSE(fs::exists(leftOver));
 }
 
 TEST(RecordingFiles, OneSegmentIsCopiedAndAnOccupiedNameKeepsEveryPart) {
@@ -102,6 +122,21 @@ TEST(RecordingFiles, MissingPartsAndAReplacedDestinationKeepTheSegments) {
     fs::remove(files.directory / segmentName(1));
     EXPECT_EQ(caseOf([&] { (void)files.finalize(work()); }), Case::missingSegments);
 
+    // A segment that isn't media is named by its number, and every part stays.
+    writeFile(files.directory / segmentName(1), "not a video");
+    try {
+        (void)files.finalize(work());
+        ADD_FAILURE() << "a junk segment was joined";
+    } catch (const RecordingError& error) {
+        EXPECT_EQ(error.message(),
+                  "Recording part 2 could not be opened or verified. All recording parts have been "
+                  "kept. Choose Reveal recovery files to inspect them.");
+    }
+    EXPECT_EQ(fs::file_size(files.directory / segmentName(1)), 11u);
+    EXPECT_EQ(namesOf(files.directory),
+              (std::vector<std::string>{"segment-00000.mp4", "segment-00001.mp4", "take.json"}));
+
+    fs::remove(files.directory / segmentName(1));
     fs::copy_file(fragmentedSegment(), files.directory / segmentName(1));
     // The destination folder is replaced by another at the same path.
     fs::remove_all(place.destination);

@@ -19,15 +19,16 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Kind = RecordingStorageStatus::Kind;
 
-// A reader that counts its calls and blocks until released.
+// A reader that counts its calls and blocks until released. A late read may outlive the test,
+// so what it touches is shared with it.
 struct GatedReader {
-    std::atomic<int> calls{0};
+    std::shared_ptr<std::atomic<int>> calls = std::make_shared<std::atomic<int>>(0);
     std::promise<void> gate;
     std::shared_future<void> opened = gate.get_future().share();
 
     RecordingStorageProbe::Reader reader() {
-        return [this](const fs::path&, bool) {
-            ++calls;
+        return [calls = calls, opened = opened](const fs::path&, bool) {
+            ++*calls;
             opened.wait();
             return RecordingStorageStatus::available(1000, 7);
         };
@@ -43,7 +44,7 @@ TEST(RecordingStorageProbe, ConcurrentCallsShareOneRead) {
     gated.gate.set_value();
     EXPECT_EQ(first.get(), RecordingStorageStatus::available(1000, 7));
     EXPECT_EQ(second.get(), RecordingStorageStatus::available(1000, 7));
-    EXPECT_EQ(gated.calls.load(), 1);
+    EXPECT_EQ(gated.calls->load(), 1);
     EXPECT_EQ(probe->flightCount(), 0u);
 }
 
@@ -62,7 +63,7 @@ TEST(RecordingStorageProbe, AHungReadAnswersUnknownAtTheTimeOutAndANewCallFliesA
     EXPECT_EQ(third.wait_for(0ms), std::future_status::timeout);
     gated.gate.set_value();  // both reads answer now; the late first one is dropped
     EXPECT_EQ(third.get(), RecordingStorageStatus::available(1000, 7));
-    EXPECT_EQ(gated.calls.load(), 2);
+    EXPECT_EQ(gated.calls->load(), 2);
 }
 
 TEST(RecordingStorageProbe, RealReaderSeesAFolderOrItsAbsence) {
