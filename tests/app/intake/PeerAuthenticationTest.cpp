@@ -28,12 +28,14 @@ class PeerAuthenticationTest : public ::testing::Test {
 protected:
     void SetUp() override {
         engine::setLogFileForTesting(dir / "log.txt");
+        engine::setJournalSinkEnabled(false);
         // Where the helper would open a link: a script that writes it down.
         opener = test::writeScript(dir.path(), "open-link", "printf '%s\\n' \"$@\" >> \"$0.txt\"\n");
     }
     void TearDown() override {
         server.reset();
         engine::setLogFileForTesting(std::nullopt);
+        engine::setJournalSinkEnabled(true);
     }
 
     void start(const fs::path& helperFolder) {
