@@ -16,9 +16,12 @@
 
 namespace {
 
-QList<QUrl> argumentURLs(const QStringList& arguments) {
+// Read before any application object exists, so that a second launch can forward its files
+// without a display.
+QList<QUrl> argumentURLs(int argc, char** argv) {
     QList<QUrl> urls;
-    for (const QString& argument : arguments.mid(1)) {
+    for (int i = 1; i < argc; ++i) {
+        const QString argument = QString::fromLocal8Bit(argv[i]);
         if (argument.contains(QStringLiteral("://"))) {
             urls.append(QUrl(argument));
         } else {
@@ -31,18 +34,21 @@ QList<QUrl> argumentURLs(const QStringList& arguments) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    QApplication qt(argc, argv);
-    QApplication::setApplicationName(QStringLiteral("Tessarin"));
-    QApplication::setDesktopFileName(QStringLiteral("com.tessarin.Tessarin"));
-    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tessarin.Tessarin")));
-
-    const QList<QUrl> urls = argumentURLs(QApplication::arguments());
+    const QList<QUrl> urls = argumentURLs(argc, argv);
     std::optional<tessarin::app::SingleInstance> instance;
     if (const auto folder = tessarin::app::SingleInstance::standardFolder()) {
         instance.emplace(*folder);
         if (instance->claim() == tessarin::app::SingleInstance::Role::secondary) {
             return instance->forward(urls, std::chrono::seconds(5)) ? 0 : 1;
         }
+    }
+
+    QApplication qt(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Tessarin"));
+    QApplication::setDesktopFileName(QStringLiteral("com.tessarin.Tessarin"));
+    QApplication::setWindowIcon(QIcon::fromTheme(QStringLiteral("com.tessarin.Tessarin")));
+    if (instance) {
+        (void)instance->listen();
     }
 
     tessarin::app::TessarinApp::Environment environment =
@@ -70,5 +76,8 @@ int main(int argc, char** argv) {
     if (!urls.isEmpty()) {
         app.openURLs(urls);
     }
-    return QApplication::exec();
+    const int status = QApplication::exec();
+    // Its server is a Qt object: it goes before the application object does.
+    instance.reset();
+    return status;
 }

@@ -2,14 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QTimer>
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <thread>
 
 #include "engine/log/Log.hpp"
 
@@ -73,17 +78,29 @@ SingleInstance::Role SingleInstance::claim() {
         lockFd_ = -1;
         return *role_;
     }
-    // Holding the lock, whatever stands at the socket path is a left-over of a crashed run.
+    role_ = Role::primary;
+    return *role_;
+}
+
+bool SingleInstance::listen() {
+    if (role_ != Role::primary) {
+        return false;
+    }
+    if (server_ != nullptr) {
+        return true;
+    }
     QLocalServer::removeServer(socketName(folder_));
     server_ = new QLocalServer(this);
     server_->setSocketOptions(QLocalServer::UserAccessOption);
     if (!server_->listen(socketName(folder_))) {
         instanceLog().error("event=\"instance socket not published\"");
-        return *role_;
+        delete server_;
+        server_ = nullptr;
+        role_ = Role::alone;
+        return false;
     }
     connect(server_, &QLocalServer::newConnection, this, &SingleInstance::accept);
-    role_ = Role::primary;
-    return *role_;
+    return true;
 }
 
 void SingleInstance::accept() {
@@ -123,33 +140,50 @@ void SingleInstance::accept() {
 }
 
 bool SingleInstance::forward(const QList<QUrl>& urls, std::chrono::milliseconds limit) const {
-    QLocalSocket socket;
+    const std::string path = (folder_ / "gui").string();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() + 1 > sizeof address.sun_path) {
+        return false;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    // The first instance may still be starting: it holds the lock before it listens.
+    int fd = -1;
     while (true) {
-        socket.connectToServer(socketName(folder_));
-        if (socket.waitForConnected(static_cast<int>(limit.count()))) {
+        fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return false;
+        }
+        if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             break;
         }
+        ::close(fd);
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }
-        ::usleep(50'000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit).count();
+    timeval timeout{static_cast<time_t>(std::max<long long>(seconds, 1)), 0};
+    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     QByteArray message;
     for (const QUrl& url : urls) {
         message += url.toEncoded(QUrl::FullyEncoded) + '\n';
     }
-    socket.write(message);
-    while (socket.bytesToWrite() > 0) {
-        if (!socket.waitForBytesWritten(static_cast<int>(limit.count()))) {
+    qsizetype sent = 0;
+    while (sent < message.size()) {
+        const ssize_t count = ::send(fd, message.constData() + sent,
+                                     static_cast<std::size_t>(message.size() - sent), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            ::close(fd);
             return false;
         }
+        sent += count;
     }
-    socket.disconnectFromServer();
-    if (socket.state() != QLocalSocket::UnconnectedState) {
-        (void)socket.waitForDisconnected(static_cast<int>(limit.count()));
-    }
+    ::close(fd);
     return true;
 }
 

@@ -10,7 +10,15 @@
 #include <fstream>
 #include <thread>
 
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTimer>
+
+#include "engine/intake/HandoffMessages.hpp"
+#include "gui/IntakePrompts.hpp"
+#include "gui/MainWindow.hpp"
 #include "tests/app/intake/HandoffTestSupport.hpp"
+#include "tests/gui/GuiTestSupport.hpp"
 #include "tests/support/TempDir.hpp"
 #include "tests/support/TestMedia.hpp"
 
@@ -95,8 +103,11 @@ TEST(HandoffWindow, TheHelperHandsTwoFilesToTheRunningWindowAndBothRowsStart) {
     EXPECT_NE(text.find("action=mp4-h264 files=2 candidates=2 trusted=true provenance=ok"),
               std::string::npos);
 
-    // A second launch hands its file to the first window, which stages it, and ends with 0.
-    EXPECT_EQ(runProgram({program, clips[2].string()}, environment, std::chrono::seconds(60)), 0);
+    // A second launch hands its file to the first window, which stages it, and ends with 0;
+    // it needs no display for that.
+    std::map<std::string, std::string> headless = environment;
+    headless["DISPLAY"] = "";
+    EXPECT_EQ(runProgram({program, clips[2].string()}, headless, std::chrono::seconds(60)), 0);
     EXPECT_TRUE(eventually(
         [&] { return readAll(log).find("received 1 plain file URL(s)") != std::string::npos; },
         std::chrono::seconds(20)));
@@ -105,6 +116,46 @@ TEST(HandoffWindow, TheHelperHandsTwoFilesToTheRunningWindowAndBothRowsStart) {
     ::kill(window, SIGTERM);
     int status = 0;
     ::waitpid(window, &status, 0);
+}
+
+TEST(HandoffWindow, ALinkWithoutATokenAsksInTheWindowBeforeItsFileIsAdded) {
+    ConfigHome home;
+    TempDir dir;
+    const std::unique_ptr<app::TessarinApp> core = makeApp(home);
+    gui::MainWindow window(*core);
+    gui::connectIntakePrompts(core->urlIntake(), window);
+    window.show();
+    const fs::path clip = dir / "clip one.mp4";
+    std::ofstream(clip) << "x";
+    const QUrl link(QString::fromStdString("tessarin://convert?preset=gif-full&file=" +
+                                           engine::percentEncode(clip.string())));
+
+    QString heading;
+    QString text;
+    // The question comes from a completion of the event loop, so it is answered by a timer
+    // that looks for it from inside the dialog's own loop.
+    QTimer answerer;
+    QObject::connect(&answerer, &QTimer::timeout, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr) {
+            return;
+        }
+        answerer.stop();
+        heading = box->text();
+        text = box->informativeText();
+        for (QAbstractButton* button : box->buttons()) {
+            if (button->text() == QStringLiteral("Add")) {
+                button->click();
+            }
+        }
+    });
+    answerer.start(20);
+    core->openURLs({link});
+    ASSERT_TRUE(waitUntil([&] { return core->queue().items().size() == 1; }));
+    EXPECT_EQ(heading, QString::fromUtf8("Add “clip one.mp4” to Tessarin?"));
+    EXPECT_EQ(text, QString::fromUtf8("Preset: GIF · Full size\n\nclip one.mp4"));
+    EXPECT_EQ(core->queue().items()[0].descriptor->id, app::ActionID::preset("gif-full"));
+    EXPECT_TRUE(core->queue().waitForBackgroundWork(std::chrono::seconds(30)));
 }
 
 }  // namespace

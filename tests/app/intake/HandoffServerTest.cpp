@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <fstream>
 #include <mutex>
@@ -237,6 +238,49 @@ TEST_F(HandoffServerTest, HostileAndIdleClientsNeitherHangTheServerNorLeakDescri
     EXPECT_TRUE(eventually([&] { return server->openConnections() == 0; }));
     server->stop();
     EXPECT_EQ(test::openDescriptors(), descriptorsBefore);
+}
+
+TEST_F(HandoffServerTest, ANinthConcurrentConnectionIsClosedAtOnce) {
+    start();
+    std::mutex gateMutex;
+    std::condition_variable opened;
+    int waiting = 0;
+    bool release = false;
+    // Eight peers held in the middle of their check.
+    server->peerAuthenticator = [&](int) {
+        std::unique_lock lock(gateMutex);
+        ++waiting;
+        opened.notify_all();
+        opened.wait(lock, [&] { return release; });
+        return PeerAuthentication::accepted;
+    };
+    std::vector<std::thread> held;
+    std::atomic<int> answered = 0;
+    for (int i = 0; i < 8; ++i) {
+        held.emplace_back([&] {
+            if (test::handOver(socket(), test::convertRequest(1))) {
+                ++answered;
+            }
+        });
+    }
+    {
+        std::unique_lock lock(gateMutex);
+        ASSERT_TRUE(opened.wait_for(lock, std::chrono::seconds(10), [&] { return waiting == 8; }));
+    }
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(test::handOver(socket(), test::convertRequest(1)));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
+    {
+        std::lock_guard lock(gateMutex);
+        EXPECT_EQ(waiting, 8) << "the ninth never reached the peer check";
+        release = true;
+    }
+    opened.notify_all();
+    for (std::thread& thread : held) {
+        thread.join();
+    }
+    EXPECT_EQ(answered, 8);
+    server.reset();  // its authenticator refers to this test's locals
 }
 
 TEST_F(HandoffServerTest, OneInstanceListensAndAStaleSocketIsReplaced) {

@@ -80,9 +80,8 @@ std::size_t openDescriptors() {
     return count;
 }
 
-int runProgram(const std::vector<std::string>& argv,
-               const std::map<std::string, std::string>& environment,
-               std::chrono::milliseconds limit) {
+pid_t startProgram(const std::vector<std::string>& argv,
+                   const std::map<std::string, std::string>& environment) {
     std::vector<std::string> variables;
     for (char** variable = environ; *variable != nullptr; ++variable) {
         const std::string text(*variable);
@@ -108,6 +107,13 @@ int runProgram(const std::vector<std::string>& argv,
     if (posix_spawn(&pid, args[0], nullptr, nullptr, args.data(), envp.data()) != 0) {
         return -1;
     }
+    return pid;
+}
+
+int waitForProgram(pid_t pid, std::chrono::milliseconds limit) {
+    if (pid <= 0) {
+        return -1;
+    }
     const auto deadline = std::chrono::steady_clock::now() + limit;
     int status = 0;
     while (::waitpid(pid, &status, WNOHANG) == 0) {
@@ -119,6 +125,12 @@ int runProgram(const std::vector<std::string>& argv,
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int runProgram(const std::vector<std::string>& argv,
+               const std::map<std::string, std::string>& environment,
+               std::chrono::milliseconds limit) {
+    return waitForProgram(startProgram(argv, environment), limit);
 }
 
 }  // namespace tessarin::test

@@ -33,8 +33,12 @@ namespace tessarin::test {
 // How many descriptors this process has open.
 [[nodiscard]] std::size_t openDescriptors();
 
-// Runs `argv` with `environment` added to ours; its exit status, or -1 when it didn't end
-// within `limit` (it is killed then).
+// Starts `argv` with `environment` added to ours; its pid, or -1.
+[[nodiscard]] pid_t startProgram(const std::vector<std::string>& argv,
+                                 const std::map<std::string, std::string>& environment);
+// The exit status of `pid`, or -1 when it didn't end within `limit` (it is killed then).
+[[nodiscard]] int waitForProgram(pid_t pid, std::chrono::milliseconds limit);
+// Both: runs `argv` to its end.
 [[nodiscard]] int runProgram(const std::vector<std::string>& argv,
                              const std::map<std::string, std::string>& environment,
                              std::chrono::milliseconds limit = std::chrono::seconds(30));

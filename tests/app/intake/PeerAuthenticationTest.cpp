@@ -28,12 +28,14 @@ class PeerAuthenticationTest : public ::testing::Test {
 protected:
     void SetUp() override {
         engine::setLogFileForTesting(dir / "log.txt");
+        engine::setJournalSinkEnabled(false);
         // Where the helper would open a link: a script that writes it down.
         opener = test::writeScript(dir.path(), "open-link", "printf '%s\\n' \"$@\" >> \"$0.txt\"\n");
     }
     void TearDown() override {
         server.reset();
         engine::setLogFileForTesting(std::nullopt);
+        engine::setJournalSinkEnabled(true);
     }
 
     void start(const fs::path& helperFolder) {
@@ -101,6 +103,33 @@ TEST_F(PeerAuthenticationTest, TheInstalledHelperIsAcceptedAndAChangedCopyIsRepl
     EXPECT_EQ(read(opener.string() + ".txt"), "tessarin://convert?preset=gif-small&file=%2Fv%2Fa.mp4\n");
     std::lock_guard lock(mutex);
     EXPECT_EQ(delivered.size(), 1U);
+}
+
+TEST_F(PeerAuthenticationTest, AHelperWhoseFileWasDeletedWhileItRanIsReplaced) {
+    const fs::path copyFolder = dir / "libexec";
+    fs::create_directory(copyFolder);
+    const fs::path helper = copyFolder / engine::kActionHelperName;
+    fs::copy_file(fs::path(TESSARIN_HELPER_DIR) / engine::kActionHelperName, helper);
+    fs::copy_file(fs::path(TESSARIN_HELPER_DIR) / engine::kActionHelperDigestName,
+                  copyFolder / engine::kActionHelperDigestName);
+    const std::optional<ActionHelperIdentity> identity = installedActionHelper(copyFolder);
+    ASSERT_TRUE(identity);
+    // With no window listening, the helper starts one (here: the opener script, which only
+    // takes notes) and waits for the socket; meanwhile its file goes away.
+    const pid_t running = test::startProgram(
+        {helper.string(), "vp9", "/v/a.mp4"},
+        {{"XDG_RUNTIME_DIR", dir.path().string()}, {"TESSARIN_GUI", opener.string()}});
+    ASSERT_TRUE(test::waitForLine(opener.string() + ".txt"));
+    fs::remove(helper);
+    server = std::make_unique<IntakeHandoffServer>(
+        IntakeHandoffServer::Configuration{dir / "tessarin"}, tokens, gate);
+    server->peerAuthenticator = [identity](int fd) { return authenticatePeer(fd, identity); };
+    server->rejectedPeer = [this] { ++rejected; };
+    ASSERT_TRUE(server->start());
+    EXPECT_EQ(test::waitForProgram(running, std::chrono::seconds(30)), 0);
+    EXPECT_GE(rejected, 1);
+    EXPECT_NE(read(dir / "log.txt").find("refused a handoff client whose code was replaced"),
+              std::string::npos);
 }
 
 TEST_F(PeerAuthenticationTest, AClientOfAnotherUserIsRefused) {
