@@ -283,6 +283,10 @@ void MainWindow::showPendingIntake() {
     dialog->open();
 }
 
+TrimEditorDialog* MainWindow::trimEditorDialog() const {
+    return trimEditor_;
+}
+
 TrimEditorDialog* MainWindow::openTrimEditor(const engine::Uuid& id, bool withPlayer) {
     if (trimEditor_) {
         trimEditor_->raise();

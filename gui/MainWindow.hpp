@@ -48,7 +48,7 @@ public:
     // The review of a fast cut while it is open.
     [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
     // The trim editor while it is open.
-    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const { return trimEditor_; }
+    [[nodiscard]] TrimEditorDialog* trimEditorDialog() const;
     // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
     // player out.
     TrimEditorDialog* openTrimEditor(const engine::Uuid& id, bool withPlayer = true);

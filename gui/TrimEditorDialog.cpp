@@ -385,7 +385,9 @@ void TrimEditorDialog::reload() {
     mode_->setCurrentIndex(mode_->findData(static_cast<int>(editor_->exportMode())));
     reloadTable();
 
-    if (!editor_->waveformPng().empty()) {
+    if (length && !editor_->hasAudio() && !editor_->probing()) {
+        waveform_->setText(tr("This file has no audio to draw."));
+    } else if (!editor_->waveformPng().empty()) {
         QPixmap picture;
         picture.loadFromData(reinterpret_cast<const uchar*>(editor_->waveformPng().data()),
                              static_cast<uint>(editor_->waveformPng().size()), "PNG");
