@@ -1,6 +1,7 @@
 #include "gui/TrimEditorDialog.hpp"
 
 #include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QGridLayout>
 #include <QHBoxLayout>
@@ -238,17 +239,57 @@ void TrimEditorDialog::build() {
     fileTools->addWidget(save);
     fileTools->addWidget(button(tr("Split clips"), "splitClips", [this] {
         bool ok = false;
-        const double seconds = QInputDialog::getDouble(
-            this, tr("Split clips"),
-            tr("Seconds per clip. This replaces the current clip list when accepted."), 60,
-            0.000001, 1e9, 3, &ok);
-        if (ok) {
-            editor_->splitClips(seconds, std::nullopt);
+        const QString by = QInputDialog::getItem(
+            this, tr("Split clips"), tr("Split by"), {tr("Seconds per clip"), tr("Number of clips")},
+            0, false, &ok);
+        if (!ok) {
+            return;
+        }
+        if (by == tr("Seconds per clip")) {
+            const double seconds = QInputDialog::getDouble(
+                this, tr("Split clips"),
+                tr("Seconds per clip. This replaces the current clip list when accepted."), 60,
+                0.000001, 1e9, 3, &ok);
+            if (ok) {
+                editor_->splitClips(seconds, std::nullopt);
+            }
+        } else {
+            const int count = QInputDialog::getInt(
+                this, tr("Split clips"),
+                tr("Number of clips. This replaces the current clip list when accepted."), 2, 1,
+                500, 1, &ok);
+            if (ok) {
+                editor_->splitClips(std::nullopt, count);
+            }
         }
     }));
-    fileTools->addWidget(button(tr("Use suggested clips"), "useSuggestedClips",
-                                [this] { editor_->useSuggestedClips(engine::SilenceSettings{}); }));
     layout->addLayout(fileTools);
+
+    // The suggestion's tuning, starting at the editor's values.
+    const engine::SilenceSettings defaults;
+    auto* suggestions = new QHBoxLayout;
+    const auto field = [this, suggestions](const QString& label, const char* name, double value,
+                                           double low, double high, const QString& suffix) {
+        auto* box = new QDoubleSpinBox(this);
+        box->setObjectName(name);
+        box->setRange(low, high);
+        box->setDecimals(2);
+        box->setSingleStep(0.05);
+        box->setSuffix(suffix);
+        box->setValue(value);
+        suggestions->addWidget(new QLabel(label, this));
+        suggestions->addWidget(box);
+        return box;
+    };
+    noise_ = field(tr("Silence below"), "noiseDB", defaults.noiseDB, -80, -10, tr(" dB"));
+    minimumSilence_ = field(tr("for"), "minimumSilence", defaults.minimumSilence, 0.1, 60, tr(" s"));
+    padding_ = field(tr("Padding"), "padding", defaults.padding, 0, 2, tr(" s"));
+    minimumClip_ = field(tr("Least clip"), "minimumClip", defaults.minimumClip, 0.1, 60, tr(" s"));
+    suggestions->addWidget(button(tr("Use suggested clips"), "useSuggestedClips", [this] {
+        editor_->useSuggestedClips({noise_->value(), minimumSilence_->value(), padding_->value(),
+                                    minimumClip_->value()});
+    }));
+    layout->addLayout(suggestions);
 
     mode_ = new QComboBox(this);
     mode_->setObjectName("exportMode");

@@ -10,6 +10,7 @@
 #include "app/trim/TrimEditor.hpp"
 
 class QComboBox;
+class QDoubleSpinBox;
 class QLabel;
 class QMediaPlayer;
 class QPushButton;
@@ -57,6 +58,10 @@ private:
     QLabel* waveform_ = nullptr;
     QTableWidget* table_ = nullptr;
     QComboBox* mode_ = nullptr;
+    QDoubleSpinBox* noise_ = nullptr;
+    QDoubleSpinBox* minimumSilence_ = nullptr;
+    QDoubleSpinBox* padding_ = nullptr;
+    QDoubleSpinBox* minimumClip_ = nullptr;
     QLabel* probeMessage_ = nullptr;
     QLabel* keyframeMessage_ = nullptr;
     QLabel* fileMessage_ = nullptr;
