@@ -63,6 +63,18 @@ TrimEditorDialog::TrimEditorDialog(std::unique_ptr<app::TrimEditor> editor, bool
                 });
         connect(player_, &QMediaPlayer::errorOccurred, this,
                 [this] { editor_->setPreviewAvailable(false); });
+        // While it plays, the player moves the playhead; a seek of ours moves the player.
+        connect(player_, &QMediaPlayer::positionChanged, this, [this](qint64 position) {
+            if (player_->playbackState() == QMediaPlayer::PlayingState) {
+                playhead_ = static_cast<double>(position) / 1000.0;
+                showPlayhead();
+                showWaveformFor(playhead_);
+            }
+        });
+        connect(player_, &QMediaPlayer::playbackStateChanged, this,
+                [this](QMediaPlayer::PlaybackState state) {
+                    play_->setText(state == QMediaPlayer::PlayingState ? tr("Pause") : tr("Play"));
+                });
         player_->setSource(QUrl::fromLocalFile(qs(editor_->request().source.string())));
     } else {
         editor_->setPreviewAvailable(false);
@@ -134,6 +146,17 @@ void TrimEditorDialog::build() {
     layout->addLayout(handles);
 
     auto* stepping = new QHBoxLayout;
+    play_ = button(tr("Play"), "play", [this] {
+        if (player_ == nullptr || !editor_->previewReady()) {
+            return;
+        }
+        if (player_->playbackState() == QMediaPlayer::PlayingState) {
+            player_->pause();
+        } else {
+            player_->play();
+        }
+    });
+    stepping->addWidget(play_);
     stepping->addWidget(button(tr("Previous frame"), "previousFrame", [this] { stepFrames(-1); }));
     stepping->addWidget(button(tr("Next frame"), "nextFrame", [this] { stepFrames(1); }));
     stepping->addWidget(button(tr("Previous keyframe"), "previousKeyframe",
@@ -342,6 +365,11 @@ void TrimEditorDialog::setPlayhead(double seconds) {
     reload();
 }
 
+void TrimEditorDialog::showPlayhead() {
+    timeline_->setValue(ticks(playhead_));
+    time_->setText(qs(app::editorTimeText(playhead_)) + QStringLiteral(" s"));
+}
+
 void TrimEditorDialog::stepFrames(int frames) {
     setPlayhead(playhead_ + frames * kFrameSeconds);
 }
@@ -407,8 +435,7 @@ void TrimEditorDialog::reload() {
     for (QSlider* slider : {timeline_, startHandle_, endHandle_}) {
         slider->setRange(0, maximum);
     }
-    timeline_->setValue(ticks(playhead_));
-    time_->setText(qs(app::editorTimeText(playhead_)) + QStringLiteral(" s"));
+    showPlayhead();
     if (!editor_->hasUnconfirmedHandles() && length) {
         const app::ClipDraft& draft = editor_->clips()[editor_->selected()];
         startHandle_->setValue(draft.start.empty() ? 0 : ticks(std::atof(draft.start.c_str())));
@@ -416,6 +443,7 @@ void TrimEditorDialog::reload() {
     }
     const bool visual = editor_->trimmingVisually();
     video_->setVisible(editor_->previewReady());
+    play_->setEnabled(editor_->previewReady());
     previewMessage_->setText(qs(editor_->previewMessage()));
     previewMessage_->setVisible(!editor_->previewMessage().empty());
     startHandle_->setEnabled(visual);

@@ -41,6 +41,7 @@ private:
     void build();
     void reload();
     void reloadTable();
+    void showPlayhead();
     void stepFrames(int frames);
     void showWaveformFor(double seconds);
     void cellEdited(int row, int column);
@@ -68,6 +69,7 @@ private:
     QLabel* applyNote_ = nullptr;
     QPushButton* switchToDetailed_ = nullptr;
     QPushButton* trim_ = nullptr;
+    QPushButton* play_ = nullptr;
     QPushButton* apply_ = nullptr;
     double playhead_ = 0;
     bool reloading_ = false;
