@@ -107,6 +107,14 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
     ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
     const engine::Uuid id = core_->queue().items().front().id;
 
+    // Closing without Apply leaves the row as it was.
+    click(window_->queueList()->row(id), "trimButton");
+    ASSERT_NE(window_->trimEditorDialog(), nullptr);
+    window_->trimEditorDialog()->editor().setEnd(0, "1");
+    click(window_->trimEditorDialog(), "closeEditor");
+    ASSERT_TRUE(waitUntil([&] { return window_->trimEditorDialog() == nullptr; }));
+    EXPECT_FALSE(core_->queue().items().front().pendingTrim.has_value());
+
     click(window_->queueList()->row(id), "trimButton");
     TrimEditorDialog* dialog = window_->trimEditorDialog();
     ASSERT_NE(dialog, nullptr);
