@@ -68,6 +68,22 @@ TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutp
     EXPECT_NEAR(lengths[1], 2.0, 0.15);
     EXPECT_NEAR(lengths[2], 3.5, 0.15);  // 0-1.5 and 4-6 in one file
 
+    // A staged row that follows an invalid batch trim says so.
+    const fs::path third = test::copyClip(clip, dir / "third.mp4");
+    queue.setSelectedActionID(std::nullopt);
+    ASSERT_TRUE(queue.intake(test::urlsOf({third}), {}));
+    ASSERT_TRUE(test::waitFor([&] { return queue.items().size() == 4; }));
+    const engine::Uuid staged = queue.items().back().id;
+    queue.setTrim("5", "2");
+    TrimEditorResult inherit;
+    inherit.inheritBatch = true;
+    ASSERT_TRUE(queue.trimEditorRequest(staged)->batchStartText.has_value());
+    ASSERT_TRUE(queue.applyTrimEditor(staged, inherit));
+    EXPECT_EQ(queue.item(staged)->trimLabel, "invalid range — fix it in the main window");
+    queue.setTrim("1", "2");
+    ASSERT_TRUE(queue.applyTrimEditor(staged, inherit));
+    EXPECT_EQ(queue.item(staged)->trimLabel, "Using batch trim · 1–2");
+
     // A finished row no longer takes a trim.
     TrimEditorResult trim;
     trim.trim = engine::Trim{"1", "2"};
