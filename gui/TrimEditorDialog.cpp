@@ -1,6 +1,7 @@
 #include "gui/TrimEditorDialog.hpp"
 
 #include <QComboBox>
+#include <QDoubleSpinBox>
 #include <QFileDialog>
 #include <QGridLayout>
 #include <QHBoxLayout>
@@ -62,6 +63,18 @@ TrimEditorDialog::TrimEditorDialog(std::unique_ptr<app::TrimEditor> editor, bool
                 });
         connect(player_, &QMediaPlayer::errorOccurred, this,
                 [this] { editor_->setPreviewAvailable(false); });
+        // While it plays, the player moves the playhead; a seek of ours moves the player.
+        connect(player_, &QMediaPlayer::positionChanged, this, [this](qint64 position) {
+            if (player_->playbackState() == QMediaPlayer::PlayingState) {
+                playhead_ = static_cast<double>(position) / 1000.0;
+                showPlayhead();
+                showWaveformFor(playhead_);
+            }
+        });
+        connect(player_, &QMediaPlayer::playbackStateChanged, this,
+                [this](QMediaPlayer::PlaybackState state) {
+                    play_->setText(state == QMediaPlayer::PlayingState ? tr("Pause") : tr("Play"));
+                });
         player_->setSource(QUrl::fromLocalFile(qs(editor_->request().source.string())));
     } else {
         editor_->setPreviewAvailable(false);
@@ -133,6 +146,17 @@ void TrimEditorDialog::build() {
     layout->addLayout(handles);
 
     auto* stepping = new QHBoxLayout;
+    play_ = button(tr("Play"), "play", [this] {
+        if (player_ == nullptr || !editor_->previewReady()) {
+            return;
+        }
+        if (player_->playbackState() == QMediaPlayer::PlayingState) {
+            player_->pause();
+        } else {
+            player_->play();
+        }
+    });
+    stepping->addWidget(play_);
     stepping->addWidget(button(tr("Previous frame"), "previousFrame", [this] { stepFrames(-1); }));
     stepping->addWidget(button(tr("Next frame"), "nextFrame", [this] { stepFrames(1); }));
     stepping->addWidget(button(tr("Previous keyframe"), "previousKeyframe",
@@ -238,17 +262,57 @@ void TrimEditorDialog::build() {
     fileTools->addWidget(save);
     fileTools->addWidget(button(tr("Split clips"), "splitClips", [this] {
         bool ok = false;
-        const double seconds = QInputDialog::getDouble(
-            this, tr("Split clips"),
-            tr("Seconds per clip. This replaces the current clip list when accepted."), 60,
-            0.000001, 1e9, 3, &ok);
-        if (ok) {
-            editor_->splitClips(seconds, std::nullopt);
+        const QString by = QInputDialog::getItem(
+            this, tr("Split clips"), tr("Split by"), {tr("Seconds per clip"), tr("Number of clips")},
+            0, false, &ok);
+        if (!ok) {
+            return;
+        }
+        if (by == tr("Seconds per clip")) {
+            const double seconds = QInputDialog::getDouble(
+                this, tr("Split clips"),
+                tr("Seconds per clip. This replaces the current clip list when accepted."), 60,
+                0.000001, 1e9, 3, &ok);
+            if (ok) {
+                editor_->splitClips(seconds, std::nullopt);
+            }
+        } else {
+            const int count = QInputDialog::getInt(
+                this, tr("Split clips"),
+                tr("Number of clips. This replaces the current clip list when accepted."), 2, 1,
+                500, 1, &ok);
+            if (ok) {
+                editor_->splitClips(std::nullopt, count);
+            }
         }
     }));
-    fileTools->addWidget(button(tr("Use suggested clips"), "useSuggestedClips",
-                                [this] { editor_->useSuggestedClips(engine::SilenceSettings{}); }));
     layout->addLayout(fileTools);
+
+    // The suggestion's tuning, starting at the editor's values.
+    const engine::SilenceSettings defaults;
+    auto* suggestions = new QHBoxLayout;
+    const auto field = [this, suggestions](const QString& label, const char* name, double value,
+                                           double low, double high, const QString& suffix) {
+        auto* box = new QDoubleSpinBox(this);
+        box->setObjectName(name);
+        box->setRange(low, high);
+        box->setDecimals(2);
+        box->setSingleStep(0.05);
+        box->setSuffix(suffix);
+        box->setValue(value);
+        suggestions->addWidget(new QLabel(label, this));
+        suggestions->addWidget(box);
+        return box;
+    };
+    noise_ = field(tr("Silence below"), "noiseDB", defaults.noiseDB, -80, -10, tr(" dB"));
+    minimumSilence_ = field(tr("for"), "minimumSilence", defaults.minimumSilence, 0.1, 60, tr(" s"));
+    padding_ = field(tr("Padding"), "padding", defaults.padding, 0, 2, tr(" s"));
+    minimumClip_ = field(tr("Least clip"), "minimumClip", defaults.minimumClip, 0.1, 60, tr(" s"));
+    suggestions->addWidget(button(tr("Use suggested clips"), "useSuggestedClips", [this] {
+        editor_->useSuggestedClips({noise_->value(), minimumSilence_->value(), padding_->value(),
+                                    minimumClip_->value()});
+    }));
+    layout->addLayout(suggestions);
 
     mode_ = new QComboBox(this);
     mode_->setObjectName("exportMode");
@@ -299,6 +363,11 @@ void TrimEditorDialog::setPlayhead(double seconds) {
     }
     showWaveformFor(playhead_);
     reload();
+}
+
+void TrimEditorDialog::showPlayhead() {
+    timeline_->setValue(ticks(playhead_));
+    time_->setText(qs(app::editorTimeText(playhead_)) + QStringLiteral(" s"));
 }
 
 void TrimEditorDialog::stepFrames(int frames) {
@@ -366,8 +435,7 @@ void TrimEditorDialog::reload() {
     for (QSlider* slider : {timeline_, startHandle_, endHandle_}) {
         slider->setRange(0, maximum);
     }
-    timeline_->setValue(ticks(playhead_));
-    time_->setText(qs(app::editorTimeText(playhead_)) + QStringLiteral(" s"));
+    showPlayhead();
     if (!editor_->hasUnconfirmedHandles() && length) {
         const app::ClipDraft& draft = editor_->clips()[editor_->selected()];
         startHandle_->setValue(draft.start.empty() ? 0 : ticks(std::atof(draft.start.c_str())));
@@ -375,6 +443,7 @@ void TrimEditorDialog::reload() {
     }
     const bool visual = editor_->trimmingVisually();
     video_->setVisible(editor_->previewReady());
+    play_->setEnabled(editor_->previewReady());
     previewMessage_->setText(qs(editor_->previewMessage()));
     previewMessage_->setVisible(!editor_->previewMessage().empty());
     startHandle_->setEnabled(visual);
@@ -385,7 +454,9 @@ void TrimEditorDialog::reload() {
     mode_->setCurrentIndex(mode_->findData(static_cast<int>(editor_->exportMode())));
     reloadTable();
 
-    if (!editor_->waveformPng().empty()) {
+    if (length && !editor_->hasAudio() && !editor_->probing()) {
+        waveform_->setText(tr("This file has no audio to draw."));
+    } else if (!editor_->waveformPng().empty()) {
         QPixmap picture;
         picture.loadFromData(reinterpret_cast<const uchar*>(editor_->waveformPng().data()),
                              static_cast<uint>(editor_->waveformPng().size()), "PNG");

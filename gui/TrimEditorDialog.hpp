@@ -10,6 +10,7 @@
 #include "app/trim/TrimEditor.hpp"
 
 class QComboBox;
+class QDoubleSpinBox;
 class QLabel;
 class QMediaPlayer;
 class QPushButton;
@@ -40,6 +41,7 @@ private:
     void build();
     void reload();
     void reloadTable();
+    void showPlayhead();
     void stepFrames(int frames);
     void showWaveformFor(double seconds);
     void cellEdited(int row, int column);
@@ -57,12 +59,17 @@ private:
     QLabel* waveform_ = nullptr;
     QTableWidget* table_ = nullptr;
     QComboBox* mode_ = nullptr;
+    QDoubleSpinBox* noise_ = nullptr;
+    QDoubleSpinBox* minimumSilence_ = nullptr;
+    QDoubleSpinBox* padding_ = nullptr;
+    QDoubleSpinBox* minimumClip_ = nullptr;
     QLabel* probeMessage_ = nullptr;
     QLabel* keyframeMessage_ = nullptr;
     QLabel* fileMessage_ = nullptr;
     QLabel* applyNote_ = nullptr;
     QPushButton* switchToDetailed_ = nullptr;
     QPushButton* trim_ = nullptr;
+    QPushButton* play_ = nullptr;
     QPushButton* apply_ = nullptr;
     double playhead_ = 0;
     bool reloading_ = false;

@@ -75,8 +75,13 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
         row->pendingTrim.reset();
         row->pendingClips.reset();
         trim = batchTrim();
-        row->trimLabel = trim ? std::optional("Using batch trim · " + trimLabelOf(*trim))
-                              : std::nullopt;
+        if (trim) {
+            row->trimLabel = "Using batch trim · " + trimLabelOf(*trim);
+        } else if (!trimStart_.empty() || !trimEnd_.empty()) {
+            row->trimLabel = "invalid range — fix it in the main window";
+        } else {
+            row->trimLabel.reset();
+        }
     } else if (result.clips) {
         row->pendingTrim.reset();
         row->pendingClips = result.clips;
@@ -86,8 +91,7 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
         row->pendingClips.reset();
         row->pendingTrim = result.trim;
         trim = result.trim;
-        row->trimLabel = result.trim ? std::optional("Using this file’s trim · " +
-                                                     trimLabelOf(*result.trim))
+        row->trimLabel = result.trim ? std::optional<std::string>("Using this file’s trim")
                                      : std::nullopt;
     }
     if (!staged) {

@@ -67,7 +67,7 @@ TrimEditor::TrimEditor(TrimEditorRequest request, std::optional<engine::Tools> t
             draft.end = request_.initialTrim->end.value_or("");
         }
         snapshot_.clips.push_back(draft);
-        snapshot_.inheritBatch = !request_.initialTrim && request_.batchTrim.has_value();
+        snapshot_.inheritBatch = !request_.initialTrim && hasBatch();
     }
 }
 
@@ -254,8 +254,12 @@ void TrimEditor::setExportMode(ClipExportMode mode) {
     change([mode](TrimEditorSnapshot& s) { s.exportMode = mode; });
 }
 
+bool TrimEditor::hasBatch() const {
+    return request_.batchTrim || request_.batchStartText || request_.batchEndText;
+}
+
 void TrimEditor::setInheritBatch(bool inherit) {
-    if (inherit && !request_.batchTrim) {
+    if (inherit && !hasBatch()) {
         return;
     }
     change([inherit](TrimEditorSnapshot& s) { s.inheritBatch = inherit; });
@@ -431,7 +435,8 @@ bool TrimEditor::apply() {
     TrimEditorResult result;
     result.duration = duration_;
     result.mode = snapshot_.exportMode;
-    if (snapshot_.inheritBatch && request_.batchTrim) {
+    if (snapshot_.inheritBatch && hasBatch()) {
+        // The row follows the batch trim, also while the batch fields hold an invalid range.
         result.inheritBatch = true;
     } else {
         for (std::size_t index = 0; index < snapshot_.clips.size(); ++index) {

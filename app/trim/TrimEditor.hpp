@@ -67,6 +67,8 @@ public:
     [[nodiscard]] std::size_t selected() const { return snapshot_.selected; }
     [[nodiscard]] ClipExportMode exportMode() const { return snapshot_.exportMode; }
     [[nodiscard]] bool inheritBatch() const { return snapshot_.inheritBatch; }
+    // The queue has a batch trim, valid or not.
+    [[nodiscard]] bool hasBatch() const;
     [[nodiscard]] std::optional<double> duration() const { return duration_; }
     [[nodiscard]] const std::vector<engine::MediaChapter>& chapters() const { return chapters_; }
     [[nodiscard]] bool hasAudio() const { return hasAudio_; }

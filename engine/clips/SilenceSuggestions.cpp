@@ -84,8 +84,9 @@ struct Silence {
     double end = 0;
 };
 
-// The silences of the metadata lines, closed and in order; one still open at the end closes
-// at `length`.
+// The silences of the metadata lines, closed and in time order; one still open at the end
+// closes at `length`. Throws Failure(incomplete) for values out of range, unpaired or out of
+// order.
 std::vector<Silence> silencesOf(std::string_view metadata, double length) {
     std::vector<Silence> silences;
     std::optional<double> open;
@@ -99,7 +100,9 @@ std::vector<Silence> silencesOf(std::string_view metadata, double length) {
     forEachLine(metadata, [&](std::string_view line) {
         if (line.starts_with("lavfi.silence_start=")) {
             const double start = value(line.substr(20));
-            if (open) {
+            // One pass over the audio reports silences in time order; anything else is not it.
+            if (open || (!silences.empty() && microseconds(start) < microseconds(silences.back().end) -
+                                                                  kOrderToleranceMicroseconds)) {
                 fail(Kind::incomplete);
             }
             open = start;

@@ -16,6 +16,7 @@
 
 #include "gui/ActionChips.hpp"
 #include "gui/DropZone.hpp"
+#include "gui/ElidedLabel.hpp"
 #include "gui/FastCutReviewDialog.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/NoticeBanner.hpp"
@@ -222,7 +223,7 @@ TEST_F(MainWindowTest, TheFramesChipExportsADroppedClipToAFolderShownInFolder) {
     EXPECT_TRUE(fs::is_regular_file(item.state.output / "contact-sheet.jpg"));
     EXPECT_TRUE(row(0)->findChild<QWidget*>("showInFolderButton")->isVisible());
     EXPECT_FALSE(row(0)->findChild<QWidget*>("cancelButton")->isVisible());
-    EXPECT_EQ(row(0)->findChild<QLabel*>("phaseLabel")->text(), QString("slides-frames"));
+    EXPECT_EQ(row(0)->findChild<ElidedLabel*>("outputLabel")->fullText(), QString("slides-frames"));
     test::screenshotAtBothScales(window_.get(), "main-frames-done");
 }
 

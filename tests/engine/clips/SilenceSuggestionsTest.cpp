@@ -182,6 +182,10 @@ TEST(SilenceSuggestions, ReadsTheOutputStrictly) {
         {"a close before its open", "lavfi.silence_start=3\nlavfi.silence_end=2\n", kFinished,
          std::nullopt},
         {"a time past the end", "lavfi.silence_start=10.5\n", kFinished, std::nullopt},
+        {"a silence before the one already closed",
+         "lavfi.silence_start=6\nlavfi.silence_end=8\nlavfi.silence_start=2\n"
+         "lavfi.silence_end=4\n",
+         kFinished, std::nullopt},
         {"a time that isn't a number", "lavfi.silence_start=nan\n", kFinished, std::nullopt},
         {"a scan that didn't end", "", "out_time_us=10000000\nprogress=continue\n", std::nullopt},
         {"a scan that stopped short", "", "out_time_us=9000000\nprogress=end\n", std::nullopt},

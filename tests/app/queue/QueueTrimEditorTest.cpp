@@ -1,0 +1,95 @@
+// What the trim editor's Apply leaves on a row, and how the queue exports clips: separate clips
+// as one output each, kept ranges as one joined output; finished rows refuse the editor.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "app/queue/QueueModel.hpp"
+#include "engine/probe/MediaProbe.hpp"
+#include "tests/app/queue/QueueTestSupport.hpp"
+#include "tests/app/support/AppTestSupport.hpp"
+#include "tests/support/TempDir.hpp"
+#include "tests/support/TestMedia.hpp"
+
+namespace tessarin::app {
+namespace {
+
+namespace fs = std::filesystem;
+using Kind = QueueItem::StateKind;
+
+double durationOf(const fs::path& file) {
+    engine::ProcessRunner runner;
+    return engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
+                                     engine::MediaInputPolicy::unrestricted, runner)
+        .durationSeconds.value_or(-1);
+}
+
+TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutput) {
+    test::ensureCoreApplication();
+    const test::TempDir dir;
+    const fs::path clip = test::testClip(test::TestClip::pausedTone);
+    const fs::path separate = test::copyClip(clip, dir / "separate.mp4");
+    const fs::path joined = test::copyClip(clip, dir / "joined.mp4");
+    QueueModel queue(engine::Tools::inBundle(test::helperDirectory()));
+    ASSERT_TRUE(queue.intake(test::urlsOf({separate, joined}), {}));
+    ASSERT_TRUE(test::waitFor([&] { return queue.items().size() == 2; }));
+    const engine::Uuid first = queue.items()[0].id;
+    const engine::Uuid second = queue.items()[1].id;
+
+    const std::optional<TrimEditorRequest> request = queue.trimEditorRequest(first);
+    ASSERT_TRUE(request.has_value());
+    EXPECT_EQ(request->source, separate);
+    const std::vector<engine::ClipSelection> clips = {
+        engine::ClipSelection(engine::Trim{"0", "1.5"}, "Intro"),
+        engine::ClipSelection(engine::Trim{"4", "6"}, "")};
+    TrimEditorResult result;
+    result.clips = clips;
+    ASSERT_TRUE(queue.applyTrimEditor(first, result));
+    EXPECT_EQ(queue.item(first)->trimLabel, "2 clips · Separate clips");
+    result.mode = ClipExportMode::keep;
+    ASSERT_TRUE(queue.applyTrimEditor(second, result));
+    EXPECT_EQ(queue.trimEditorRequest(second)->initialMode, ClipExportMode::keep);
+
+    queue.setSelectedActionID(ActionID::preset("mp4-h264"));
+    queue.start();
+    ASSERT_TRUE(test::waitFor([&] {
+        return queue.items().size() == 3 && test::countIn(queue, Kind::done) == 3;
+    }));
+    std::vector<std::string> names;
+    std::vector<double> lengths;
+    for (const QueueItem& item : queue.items()) {
+        names.push_back(item.state.output.filename().string());
+        lengths.push_back(durationOf(item.state.output));
+    }
+    EXPECT_EQ(names[0], "separate-h264_crf33-clip-001-intro.mp4");
+    EXPECT_EQ(names[1], "separate-h264_crf33-clip-002.mp4");
+    EXPECT_NEAR(lengths[0], 1.5, 0.15);
+    EXPECT_NEAR(lengths[1], 2.0, 0.15);
+    EXPECT_NEAR(lengths[2], 3.5, 0.15);  // 0-1.5 and 4-6 in one file
+
+    // A staged row that follows an invalid batch trim says so.
+    const fs::path third = test::copyClip(clip, dir / "third.mp4");
+    queue.setSelectedActionID(std::nullopt);
+    ASSERT_TRUE(queue.intake(test::urlsOf({third}), {}));
+    ASSERT_TRUE(test::waitFor([&] { return queue.items().size() == 4; }));
+    const engine::Uuid staged = queue.items().back().id;
+    queue.setTrim("5", "2");
+    TrimEditorResult inherit;
+    inherit.inheritBatch = true;
+    ASSERT_TRUE(queue.trimEditorRequest(staged)->batchStartText.has_value());
+    ASSERT_TRUE(queue.applyTrimEditor(staged, inherit));
+    EXPECT_EQ(queue.item(staged)->trimLabel, "invalid range — fix it in the main window");
+    queue.setTrim("1", "2");
+    ASSERT_TRUE(queue.applyTrimEditor(staged, inherit));
+    EXPECT_EQ(queue.item(staged)->trimLabel, "Using batch trim · 1–2");
+
+    // A finished row no longer takes a trim.
+    TrimEditorResult trim;
+    trim.trim = engine::Trim{"1", "2"};
+    EXPECT_FALSE(queue.applyTrimEditor(second, trim));
+    EXPECT_FALSE(queue.item(second)->pendingTrim.has_value());
+}
+
+}  // namespace
+}  // namespace tessarin::app
