@@ -7,7 +7,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
-  tessarin_frame_export_bench tessarin_queue_intake_bench
+  tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_transcription_upload_bench
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -25,3 +25,5 @@ echo "== frame export (2-minute 1080p slide recording: analysis vs decode, expor
 "$bin/tessarin_frame_export_bench" "${1:-3}"
 echo "== queue intake (30,000 entries holding 1,000 videos)"
 "$bin/tessarin_queue_intake_bench" 3
+echo "== transcription upload (100 MB audio to a loopback HTTPS server vs curl --data-binary)"
+"$bin/tessarin_transcription_upload_bench" 3

@@ -133,8 +133,7 @@ bool RequestBody::Reader::fill() {
         const Segment& segment = body_->segments_[segment_];
         if (const auto* literal = std::get_if<std::string>(&segment)) {
             if (offset_ < literal->size()) {
-                pending_.assign(*literal, offset_);
-                pendingOffset_ = 0;
+                pending_ = std::string_view(*literal).substr(offset_);
                 offset_ = literal->size();
                 return true;
             }
@@ -147,8 +146,13 @@ bool RequestBody::Reader::fill() {
                         throw TranscriptionError(TranscriptionError::Code::cancelled);
                     }
                     const std::size_t end = sliceEnd(part, offset_);
-                    pending_ = escapedJSONText(std::string_view(part).substr(offset_, end - offset_));
-                    pendingOffset_ = 0;
+                    const std::string_view slice = std::string_view(part).substr(offset_, end - offset_);
+                    if (needsNoEscaping(slice)) {
+                        pending_ = slice;
+                    } else {
+                        escaped_ = escapedJSONText(slice);
+                        pending_ = escaped_;
+                    }
                     offset_ = end;
                     return true;
                 }
@@ -166,16 +170,12 @@ bool RequestBody::Reader::fill() {
 std::size_t RequestBody::Reader::read(char* buffer, std::size_t capacity) {
     std::size_t written = 0;
     while (written < capacity) {
-        if (pendingOffset_ == pending_.size()) {
-            pending_.clear();
-            pendingOffset_ = 0;
-            if (!fill()) {
-                break;
-            }
+        if (pending_.empty() && !fill()) {
+            break;
         }
-        const std::size_t count = std::min(capacity - written, pending_.size() - pendingOffset_);
-        std::memcpy(buffer + written, pending_.data() + pendingOffset_, count);
-        pendingOffset_ += count;
+        const std::size_t count = std::min(capacity - written, pending_.size());
+        std::memcpy(buffer + written, pending_.data(), count);
+        pending_.remove_prefix(count);
         written += count;
     }
     return written;

@@ -15,6 +15,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -81,8 +82,10 @@ public:
         std::size_t segment_ = 0;
         std::size_t part_ = 0;
         std::size_t offset_ = 0;  // in the current part's text, or in the current literal
-        std::string pending_;     // an escaped slice not yet handed out
-        std::size_t pendingOffset_ = 0;
+        // What is not yet handed out: a view into the body itself (literals, and slices that need
+        // no escaping, such as base64) or into `escaped_`.
+        std::string_view pending_;
+        std::string escaped_;
     };
     [[nodiscard]] Reader reader(const TranscriptionControl* control) const {
         return Reader(*this, control);
