@@ -84,7 +84,7 @@ RequestBody RequestBody::splice(const BodyTemplate& body, const TranscriptionCon
         const std::string quoted = '"' + id + '"';
         const std::size_t found = text.find(quoted);
         if (found == std::string::npos || text.find(quoted, found + 1) != std::string::npos ||
-            value.parts == nullptr) {
+            (value.parts == nullptr) == (value.file == nullptr)) {
             throw TranscriptionError(TranscriptionError::Code::badResponse);
         }
         ranges.push_back(Range{found, quoted.size(), &value});
@@ -100,7 +100,12 @@ RequestBody RequestBody::splice(const BodyTemplate& body, const TranscriptionCon
             text.substr(copied, range.start - copied) + '"' + escapedJSONText(range.value->prefix);
         out.size_ += literal.size();
         out.segments_.emplace_back(std::move(literal));
-        for (const std::string& part : *range.value->parts) {
+        if (range.value->file != nullptr) {
+            checkCancelled(control);
+            out.size_ += range.value->file->encodedSize();  // base64 needs no escaping
+        }
+        static const std::vector<std::string> kNoParts;
+        for (const std::string& part : range.value->parts ? *range.value->parts : kNoParts) {
             for (std::size_t offset = 0; offset < part.size();) {
                 checkCancelled(control);
                 const std::size_t end = sliceEnd(part, offset);
@@ -138,7 +143,17 @@ bool RequestBody::Reader::fill() {
                 return true;
             }
         } else {
-            const auto& parts = *std::get<JSONString>(segment).parts;
+            const JSONString& value = std::get<JSONString>(segment);
+            if (value.file != nullptr && part_ < value.file->sliceCount()) {
+                if (control_ != nullptr && control_->isCancelled()) {
+                    throw TranscriptionError(TranscriptionError::Code::cancelled);
+                }
+                value.file->slice(part_++, escaped_);
+                pending_ = escaped_;
+                return true;
+            }
+            static const std::vector<std::string> kNoParts;
+            const std::vector<std::string>& parts = value.parts ? *value.parts : kNoParts;
             while (part_ < parts.size()) {
                 const std::string& part = parts[part_];
                 if (offset_ < part.size()) {

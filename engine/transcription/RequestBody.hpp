@@ -20,15 +20,19 @@
 #include <variant>
 #include <vector>
 
+#include "engine/transcription/Base64Parts.hpp"
+
 namespace tessarin::engine {
 
 class TranscriptionControl;
 
-// A very long JSON string: `prefix` followed by the concatenation of `parts`, in order. The
+// A very long JSON string: `prefix` followed by the concatenation of `parts`, in order, or,
+// when `file` is set instead, by that file's base64, made only while the body is read. The
 // prefix ("data:video/mp4;base64,") spares copying shared parts to put a few bytes before them.
 struct JSONString {
-    std::shared_ptr<const std::vector<std::string>> parts;
-    std::string prefix;
+    std::shared_ptr<const std::vector<std::string>> parts = nullptr;
+    std::string prefix = {};
+    std::shared_ptr<const Base64FileSource> file = nullptr;
 };
 
 // A JSON document in which each JSONString is stood for by a fresh UUID text (placeholder()).
