@@ -1,10 +1,14 @@
 // Random media bytes spliced into the three request bodies: the body is valid JSON, its length
 // is what was announced, it reads the same in any piece sizes, and the media it carries decodes
-// to the input exactly. Text given as a long JSON string (the instruction's kind of text, with
+// to the input exactly, whether held as base64 parts or encoded from a file while read. Text given as a long JSON string (the instruction's kind of text, with
 // quotes, controls and non-ASCII) comes back unchanged, or is refused with badResponse when it
 // isn't UTF-8.
 
+#include <unistd.h>
+
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -85,6 +89,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string prefix = "data:video/mp4;base64,";
     require(url.starts_with(prefix) && engine::base64Decoded(url.substr(prefix.size())) == media,
             "the video body's data URL holds the input");
+
+    // The same media from a file, encoded while the body is read: the very same body.
+    static const std::filesystem::path kFile =
+        std::filesystem::temp_directory_path() / ("fuzz-request-body-" + std::to_string(getpid()));
+    {
+        std::ofstream out(kFile, std::ios::binary | std::ios::trunc);
+        out.write(media.data(), static_cast<std::streamsize>(media.size()));
+    }
+    engine::MediaBodyRequest streamed = request;
+    streamed.media = engine::JSONString{nullptr, "", engine::Base64FileSource::open(kFile)};
+    require(engine::OpenRouterClient::speechBody(streamed, "flac", {}, "en", nullptr).bytes() ==
+                engine::OpenRouterClient::speechBody(request, "flac", {}, "en", nullptr).bytes(),
+            "a file's body equals the parts' body");
 
     // The same bytes as text: kept exactly when UTF-8, refused otherwise.
     engine::BodyTemplate text;
