@@ -13,6 +13,9 @@ packages=(
   qt6-base-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth openssl python3 curl
+  libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
+  # a decimal-comma locale, to show that numbers never follow the user's locale
+  locales-all
   # fuzz targets: clang with its libFuzzer and sanitizer runtimes
   clang libclang-rt-14-dev
   # runtime: the media tools run as child processes
