@@ -8,7 +8,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
   tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench \
-  tessarin_recording_join_bench tessarin_handoff_server_bench
+  tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -32,3 +32,5 @@ echo "== cut aids (silence scan of 10 min vs bare silencedetect, a 30 s waveform
 "$bin/tessarin_cut_aids_bench" "${1:-5}"
 echo "== handoff socket (10,000 hostile connections, then 100 valid handoffs by the helper)"
 "$bin/tessarin_handoff_server_bench"
+echo "== transcription upload (100 MB audio to a loopback HTTPS server vs curl --data-binary)"
+"$bin/tessarin_transcription_upload_bench" 3

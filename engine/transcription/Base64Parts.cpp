@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <system_error>
 
@@ -83,6 +84,50 @@ std::optional<std::string> base64Decoded(std::string_view text) {
     }
     out.resize(out.size() - padding);
     return out;
+}
+
+std::shared_ptr<const Base64FileSource> Base64FileSource::open(const std::filesystem::path& file) {
+    const int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0) {
+        fail(errno);
+    }
+    struct stat status {};
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        const int error = S_ISREG(status.st_mode) ? errno : EINVAL;
+        ::close(fd);
+        fail(error);
+    }
+    return std::shared_ptr<const Base64FileSource>(
+        new Base64FileSource(fd, static_cast<std::uint64_t>(status.st_size)));
+}
+
+Base64FileSource::~Base64FileSource() { ::close(fd_); }
+
+void Base64FileSource::slice(std::size_t index, std::string& out) const {
+    const std::uint64_t offset = std::uint64_t{index} * kSliceFileBytes;
+    const std::size_t length =
+        offset >= size_ ? 0 : static_cast<std::size_t>(std::min<std::uint64_t>(kSliceFileBytes, size_ - offset));
+    char buffer[kSliceFileBytes];
+    std::size_t total = 0;
+    while (total < length) {
+        const ssize_t count = ::pread(fd_, buffer + total, length - total,
+                                      static_cast<off_t>(offset + total));
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            throw TranscriptionError(TranscriptionError::Code::sourceUnreadable);
+        }
+        if (count == 0) {
+            throw TranscriptionError(TranscriptionError::Code::sourceChanged);
+        }
+        total += static_cast<std::size_t>(count);
+    }
+    out.resize(4 * ((length + 2) / 3));
+    if (length > 0) {
+        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
+                        reinterpret_cast<const unsigned char*>(buffer), static_cast<int>(length));
+    }
 }
 
 Base64Parts readBase64Parts(const std::filesystem::path& file, const TranscriptionControl* control) {

@@ -166,7 +166,10 @@ ORErrorCode errorCode(const json& value) {
 
 template <typename Decode>
 auto decodeBody(std::string_view body, Decode decode) {
-    const json document = json::parse(body, nullptr, false);
+    // JSON has no raw NUL anywhere, but the reader would take one for the end of the text.
+    const json document = body.find('\0') == std::string_view::npos
+                              ? json::parse(body, nullptr, false)
+                              : json(json::value_t::discarded);
     if (document.is_discarded()) {
         throw TranscriptionError(TranscriptionError::Code::badResponse);
     }

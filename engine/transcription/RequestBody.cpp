@@ -84,7 +84,7 @@ RequestBody RequestBody::splice(const BodyTemplate& body, const TranscriptionCon
         const std::string quoted = '"' + id + '"';
         const std::size_t found = text.find(quoted);
         if (found == std::string::npos || text.find(quoted, found + 1) != std::string::npos ||
-            value.parts == nullptr) {
+            (value.parts == nullptr) == (value.file == nullptr)) {
             throw TranscriptionError(TranscriptionError::Code::badResponse);
         }
         ranges.push_back(Range{found, quoted.size(), &value});
@@ -100,7 +100,12 @@ RequestBody RequestBody::splice(const BodyTemplate& body, const TranscriptionCon
             text.substr(copied, range.start - copied) + '"' + escapedJSONText(range.value->prefix);
         out.size_ += literal.size();
         out.segments_.emplace_back(std::move(literal));
-        for (const std::string& part : *range.value->parts) {
+        if (range.value->file != nullptr) {
+            checkCancelled(control);
+            out.size_ += range.value->file->encodedSize();  // base64 needs no escaping
+        }
+        static const std::vector<std::string> kNoParts;
+        for (const std::string& part : range.value->parts ? *range.value->parts : kNoParts) {
             for (std::size_t offset = 0; offset < part.size();) {
                 checkCancelled(control);
                 const std::size_t end = sliceEnd(part, offset);
@@ -133,13 +138,22 @@ bool RequestBody::Reader::fill() {
         const Segment& segment = body_->segments_[segment_];
         if (const auto* literal = std::get_if<std::string>(&segment)) {
             if (offset_ < literal->size()) {
-                pending_.assign(*literal, offset_);
-                pendingOffset_ = 0;
+                pending_ = std::string_view(*literal).substr(offset_);
                 offset_ = literal->size();
                 return true;
             }
         } else {
-            const auto& parts = *std::get<JSONString>(segment).parts;
+            const JSONString& value = std::get<JSONString>(segment);
+            if (value.file != nullptr && part_ < value.file->sliceCount()) {
+                if (control_ != nullptr && control_->isCancelled()) {
+                    throw TranscriptionError(TranscriptionError::Code::cancelled);
+                }
+                value.file->slice(part_++, escaped_);
+                pending_ = escaped_;
+                return true;
+            }
+            static const std::vector<std::string> kNoParts;
+            const std::vector<std::string>& parts = value.parts ? *value.parts : kNoParts;
             while (part_ < parts.size()) {
                 const std::string& part = parts[part_];
                 if (offset_ < part.size()) {
@@ -147,8 +161,13 @@ bool RequestBody::Reader::fill() {
                         throw TranscriptionError(TranscriptionError::Code::cancelled);
                     }
                     const std::size_t end = sliceEnd(part, offset_);
-                    pending_ = escapedJSONText(std::string_view(part).substr(offset_, end - offset_));
-                    pendingOffset_ = 0;
+                    const std::string_view slice = std::string_view(part).substr(offset_, end - offset_);
+                    if (needsNoEscaping(slice)) {
+                        pending_ = slice;
+                    } else {
+                        escaped_ = escapedJSONText(slice);
+                        pending_ = escaped_;
+                    }
                     offset_ = end;
                     return true;
                 }
@@ -166,16 +185,12 @@ bool RequestBody::Reader::fill() {
 std::size_t RequestBody::Reader::read(char* buffer, std::size_t capacity) {
     std::size_t written = 0;
     while (written < capacity) {
-        if (pendingOffset_ == pending_.size()) {
-            pending_.clear();
-            pendingOffset_ = 0;
-            if (!fill()) {
-                break;
-            }
+        if (pending_.empty() && !fill()) {
+            break;
         }
-        const std::size_t count = std::min(capacity - written, pending_.size() - pendingOffset_);
-        std::memcpy(buffer + written, pending_.data() + pendingOffset_, count);
-        pendingOffset_ += count;
+        const std::size_t count = std::min(capacity - written, pending_.size());
+        std::memcpy(buffer + written, pending_.data(), count);
+        pending_.remove_prefix(count);
         written += count;
     }
     return written;

@@ -15,19 +15,24 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <variant>
 #include <vector>
+
+#include "engine/transcription/Base64Parts.hpp"
 
 namespace tessarin::engine {
 
 class TranscriptionControl;
 
-// A very long JSON string: `prefix` followed by the concatenation of `parts`, in order. The
+// A very long JSON string: `prefix` followed by the concatenation of `parts`, in order, or,
+// when `file` is set instead, by that file's base64, made only while the body is read. The
 // prefix ("data:video/mp4;base64,") spares copying shared parts to put a few bytes before them.
 struct JSONString {
-    std::shared_ptr<const std::vector<std::string>> parts;
-    std::string prefix;
+    std::shared_ptr<const std::vector<std::string>> parts = nullptr;
+    std::string prefix = {};
+    std::shared_ptr<const Base64FileSource> file = nullptr;
 };
 
 // A JSON document in which each JSONString is stood for by a fresh UUID text (placeholder()).
@@ -81,8 +86,10 @@ public:
         std::size_t segment_ = 0;
         std::size_t part_ = 0;
         std::size_t offset_ = 0;  // in the current part's text, or in the current literal
-        std::string pending_;     // an escaped slice not yet handed out
-        std::size_t pendingOffset_ = 0;
+        // What is not yet handed out: a view into the body itself (literals, and slices that need
+        // no escaping, such as base64) or into `escaped_`.
+        std::string_view pending_;
+        std::string escaped_;
     };
     [[nodiscard]] Reader reader(const TranscriptionControl* control) const {
         return Reader(*this, control);

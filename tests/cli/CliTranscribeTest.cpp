@@ -1,6 +1,12 @@
 // `tessarin transcribe models` against a scripted HTTPS server on loopback.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
 
 #include "tests/cli/CliTestSupport.hpp"
 #include "tests/support/LoopbackHttpsServer.hpp"
@@ -94,6 +100,40 @@ TEST(CliTranscribe, ARejectedKeyIsOneSentenceAndAFailure) {
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_THAT(run.err, HasSubstr("The OpenRouter API key was rejected."));
     EXPECT_EQ(server.requests().size(), 1u);  // not retried
+}
+
+TEST(CliTranscribe, CtrlCEndsAWaitingRequestAsCancelled) {
+    // The server holds its answer, so the tool is still waiting when the signal comes.
+    test::LoopbackHttpsServer server(json::array({{{"status", 200}, {"answerDelay", 30}, {"body", "{}"}}}));
+    test::TempDir config;
+    std::vector<std::string> environment = currentEnvironment();
+    for (const auto& [key, value] : serviceEnvironment(server, config)) {
+        environment.push_back(key + "=" + value);
+    }
+    int out[2];
+    ASSERT_EQ(pipe(out), 0);
+    const pid_t pid = spawnTool({"transcribe", "models", "--json"}, environment, {.out = out[1]});
+    close(out[1]);
+    ASSERT_GT(pid, 0);
+    while (server.requests().empty()) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const auto signalled = std::chrono::steady_clock::now();
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::seconds(10));
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = read(out[0], buffer, sizeof buffer)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(count));
+    }
+    close(out[0]);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 130);
+    const auto events = jsonEvents(text);
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back()["event"], "cancelled");
 }
 
 }  // namespace

@@ -9,7 +9,7 @@ listens. Stops on SIGTERM.
 A script entry: {"status": 200, "headers": {"Retry-After": "2"}, "body": "text"}, where instead of
 "body" "bodyBytes": N sends N bytes of "x", and "noLength": true leaves out Content-Length and
 ends the body by closing the connection, and "delay": S waits S seconds before reading the
-request's body.
+request's body, "answerDelay": S after reading and recording it, before answering.
 """
 import argparse
 import hashlib
@@ -82,6 +82,7 @@ def main():
             with lock:
                 with open(args.record, "a", encoding="utf-8") as out:
                     out.write(json.dumps(record) + "\n")
+            time.sleep(float(entry.get("answerDelay", 0)))
             if "bodyBytes" in entry:
                 body = b"x" * int(entry["bodyBytes"])
             else:

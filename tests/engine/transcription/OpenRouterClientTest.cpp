@@ -364,7 +364,6 @@ TEST(OpenRouterClient, Base64PartsJoinIntoTheEncodingOfTheWholeFile) {
         std::ofstream(file, std::ios::binary) << bytes;
     }
     const Base64Parts parts = readBase64Parts(file, nullptr);
-    std::filesystem::remove(file);
     ASSERT_EQ(parts->size(), 4u);
     std::string joined;
     for (const std::string& part : *parts) {
@@ -373,6 +372,36 @@ TEST(OpenRouterClient, Base64PartsJoinIntoTheEncodingOfTheWholeFile) {
     EXPECT_EQ(joined, base64Encoded(bytes));
     EXPECT_EQ(base64Decoded(joined), bytes);
     EXPECT_EQ(base64Decoded("QUJD=A=="), std::nullopt);
+
+    // The same media encoded while the body is read gives the same body, byte for byte, at
+    // lengths on and around the slice size.
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, Base64FileSource::kSliceFileBytes,
+                                     Base64FileSource::kSliceFileBytes + 2, bytes.size()}) {
+        {
+            std::ofstream(file, std::ios::binary) << bytes.substr(0, length);
+        }
+        const MediaBodyRequest fromParts{"a/b", {readBase64Parts(file, nullptr), "", nullptr},
+                                         std::nullopt, std::nullopt};
+        const MediaBodyRequest fromFile{"a/b", {nullptr, "", Base64FileSource::open(file)},
+                                        std::nullopt, std::nullopt};
+        const RequestBody streamed =
+            OpenRouterClient::videoChatBody(fromFile, std::nullopt, "video/mp4", nullptr);
+        EXPECT_EQ(streamed.bytes(),
+                  OpenRouterClient::videoChatBody(fromParts, std::nullopt, "video/mp4", nullptr)
+                      .bytes())
+            << length;
+        EXPECT_EQ(streamed.size(), streamed.bytes().size());
+        if (length == bytes.size()) {
+            std::filesystem::resize_file(file, length - 1);  // the file shrank after opening
+            try {
+                (void)streamed.bytes();
+                ADD_FAILURE();
+            } catch (const TranscriptionError& error) {
+                EXPECT_EQ(error.code(), Code::sourceChanged);
+            }
+        }
+    }
+    std::filesystem::remove(file);
     EXPECT_THROW((void)readBase64Parts("/nonexistent/file", nullptr), std::system_error);
 }
 
