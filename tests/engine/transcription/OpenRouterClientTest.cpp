@@ -1,4 +1,4 @@
-// The client's own rules, with a scripted transport behind the interface the design gives tests:
+// The client's own rules, with a scripted transport behind the transport interface, as tests may:
 // status mapping, the retry loop's waits, the request bodies and the splice, the decoders.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
