@@ -38,7 +38,6 @@ namespace fs = std::filesystem;
 namespace engine = tessarin::engine;
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kFileBytes = 100'000'000;
 
 engine::MediaBodyRequest mediaOf(const fs::path& file, bool streamed = false) {
     engine::JSONString media;

@@ -85,6 +85,7 @@ public:
         const TranscriptionControl* control_;
         std::size_t segment_ = 0;
         std::size_t part_ = 0;
+        std::size_t slice_ = 0;   // slices handed out of the current segment
         std::size_t offset_ = 0;  // in the current part's text, or in the current literal
         // What is not yet handed out: a view into the body itself (literals, and slices that need
         // no escaping, such as base64) or into `escaped_`.
@@ -96,7 +97,13 @@ public:
     }
 
 private:
-    using Segment = std::variant<std::string, JSONString>;
+    // A long string in the body, with what the splice learned of each of its slices, in order:
+    // whether it needs escaping, so that reading never scans the text again.
+    struct Spliced {
+        JSONString value;
+        std::vector<bool> escapes;
+    };
+    using Segment = std::variant<std::string, Spliced>;
     std::vector<Segment> segments_;
     uint64_t size_ = 0;
 };

@@ -1,4 +1,4 @@
-// The client's own rules, with a scripted transport behind the transport interface:
+// The client's own rules, with a scripted transport behind the transport interface, as tests may:
 // status mapping, the retry loop's waits, the request bodies and the splice, the decoders.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -332,6 +332,19 @@ TEST(OpenRouterClient, TheSpliceEscapesTextPiecesExactlyAsTheJsonWriterDoes) {
         pieces.append(buffer, count);
     }
     EXPECT_EQ(pieces, bytes);
+
+    // Each character that needs escaping, at every place within a word of eight, is escaped.
+    for (const char special : {'\0', '\x1f', '\x7f', '"', '\\', ' ', '~'}) {
+        for (std::size_t place = 0; place < 17; ++place) {
+            std::string word(17, 'a');
+            word[place] = special;
+            BodyTemplate one;
+            one.document = {{"w", one.placeholder({std::make_shared<const std::vector<std::string>>(
+                                                      std::vector<std::string>{word})})}};
+            EXPECT_EQ(RequestBody::splice(one, nullptr).bytes(), json({{"w", word}}).dump())
+                << int{special} << " at " << place;
+        }
+    }
 
     const auto invalid = std::make_shared<const std::vector<std::string>>(
         std::vector<std::string>{"ok\xc3"});
