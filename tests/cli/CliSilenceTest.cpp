@@ -25,8 +25,8 @@ std::string readText(const fs::path& path) {
 
 TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     const test::TempDir folder;
-    const fs::path source = copyInto(folder.path(), test::testClip(test::TestClip::pausedTone),
-                                     "talk.mp4");
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(test::TestClip::pausedTone), "talk.mp4");
     const fs::path list = folder / "talk.clips.json";
 
     const ToolRun scan = runTool({"silence", "--write-clip-list", list.string(), source.string()});
@@ -64,8 +64,8 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     const fs::path output = folder / "out";
     fs::create_directory(output);
     const ToolRun convert =
-        runTool({"convert", "--preset", "mp4-h264", "--clip-list", list.string(), "--join",
-                 "keep", "--output-dir", output.string(), source.string()});
+        runTool({"convert", "--preset", "mp4-h264", "--clip-list", list.string(), "--join", "keep",
+                 "--output-dir", output.string(), source.string()});
     ASSERT_EQ(convert.exitCode, 0) << convert.err;
     const std::vector<std::string> names = namesIn(output);
     ASSERT_EQ(names.size(), 1u);
@@ -77,8 +77,8 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
 
 TEST(CliSilence, RefusesAListForATouchedSourceAndBadSettings) {
     const test::TempDir folder;
-    const fs::path source = copyInto(folder.path(), test::testClip(test::TestClip::pausedTone),
-                                     "talk.mp4");
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(test::TestClip::pausedTone), "talk.mp4");
     const fs::path list = folder / "talk.clips.json";
     ASSERT_EQ(runTool({"silence", "--write-clip-list", list.string(), source.string()}).exitCode,
               0);
