@@ -73,6 +73,17 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     ASSERT_TRUE(joined.durationSeconds.has_value());
     EXPECT_NEAR(*joined.durationSeconds,
                 (ranges[0].second - ranges[0].first) + (ranges[1].second - ranges[1].first), 0.15);
+
+    // A cut plans each listed clip for review and, unconfirmed, writes nothing.
+    const ToolRun cut = runTool({"cut", "--json", "--clip-list", list.string(), "--output-dir",
+                                 output.string(), source.string()});
+    EXPECT_EQ(cut.exitCode, 4) << cut.err;
+    std::size_t plans = 0;
+    for (const nlohmann::json& event : jsonEvents(cut.out)) {
+        plans += event["event"] == "plan" ? 1 : 0;
+    }
+    EXPECT_EQ(plans, 2u);
+    EXPECT_EQ(namesIn(output).size(), 1u);
 }
 
 TEST(CliSilence, RefusesAListForATouchedSourceAndBadSettings) {
