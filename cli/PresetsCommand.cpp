@@ -116,7 +116,12 @@ int importPresets(PresetCatalog& catalog, const std::filesystem::path& file) {
     }
     std::stringstream buffer;
     buffer << in.rdbuf();
-    const nlohmann::json document = nlohmann::json::parse(buffer.str(), nullptr, false);
+    const std::string text = buffer.str();
+    // The JSON reader takes a NUL byte for the end of its input, which would let a damaged file
+    // import whatever stands before it.
+    const nlohmann::json document = text.find('\0') == std::string::npos
+                                        ? nlohmann::json::parse(text, nullptr, false)
+                                        : nlohmann::json(nlohmann::json::value_t::discarded);
     const nlohmann::json* records = nullptr;
     if (document.is_array()) {
         records = &document;

@@ -10,9 +10,12 @@ shift || true
 
 case "$kind" in
   release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
-  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DTESSARIN_SANITIZE=address -DTESSARIN_WERROR=ON) ;;
+  # clang, so the same tree builds the libFuzzer targets the test run uses.
+  asan) options=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_SANITIZE=address
+                 -DTESSARIN_WERROR=ON) ;;
   # The thread-sanitizer tree runs the concurrency tests only; the window isn't among them.
-  tsan) options=(-DCMAKE_BUILD_TYPE=Debug -DTESSARIN_SANITIZE=thread -DTESSARIN_WERROR=ON
+  tsan) options=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_SANITIZE=thread
+                 -DTESSARIN_WERROR=ON
                  -DTESSARIN_BUILD_BENCH=OFF -DTESSARIN_BUILD_GUI=OFF) ;;
   *) echo "usage: scripts/build.sh [release|asan|tsan] [targets...]" >&2; exit 2 ;;
 esac

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets in build/fuzz (clang, ASan+UBSan) and runs each for SECONDS
-# (default 60), two at a time: scripts/fuzz.sh [SECONDS]
+# Builds the libFuzzer targets in build/fuzz (clang, ASan+UBSan, -O1) and runs each for SECONDS
+# (default 60), two at a time: scripts/fuzz.sh [SECONDS [TREE]]
+# With TREE (a clang ASan tree that scripts/build.sh has built, as the test run does), its
+# targets run instead and nothing is built.
 #
 # A target reads its checked-in seeds (fuzz/corpus/<target>, never written to) and what earlier
 # runs found (build/fuzz/corpus/<target>, where new inputs go). A crash, leak, broken contract,
@@ -9,22 +11,31 @@
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 seconds="${1:-60}"
-if [[ ! "$seconds" =~ ^[1-9][0-9]*$ ]]; then
-  echo "usage: scripts/fuzz.sh [SECONDS]" >&2
+tree="${2:-}"
+if [[ ! "$seconds" =~ ^[1-9][0-9]*$ || $# -gt 2 ]]; then
+  echo "usage: scripts/fuzz.sh [SECONDS [TREE]]" >&2
   exit 2
 fi
 
 "$root/scripts/setup.sh"
 
-tree="$root/build/fuzz"
-if [[ ! -f "$tree/build.ninja" ]]; then
-  # -O1 keeps the targets fast without the optimiser hiding what the sanitizers should see;
-  # assertions stay on.
-  cmake -S "$root" -B "$tree" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_FUZZ=ON \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g" \
-    -DTESSARIN_WERROR=ON >/dev/null
+if [[ -n "$tree" ]]; then
+  tree="$(cd "$tree" && pwd)"
+  if ! compgen -G "$tree/bin/fuzz_*" >/dev/null; then
+    echo "fuzz: $tree holds no fuzz targets (it must be a clang ASan tree)" >&2
+    exit 1
+  fi
+else
+  tree="$root/build/fuzz"
+  if [[ ! -f "$tree/build.ninja" ]]; then
+    # -O1 keeps the targets fast without the optimiser hiding what the sanitizers should see;
+    # assertions stay on.
+    cmake -S "$root" -B "$tree" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_FUZZ=ON \
+      -DCMAKE_BUILD_TYPE=RelWithDebInfo "-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g" \
+      -DTESSARIN_WERROR=ON >/dev/null
+  fi
+  ninja -C "$tree" -j2 tessarin_fuzzers >"$tree.log" 2>&1 || { tail -60 "$tree.log" >&2; exit 1; }
 fi
-ninja -C "$tree" -j2 tessarin_fuzzers >"$tree.log" 2>&1 || { tail -60 "$tree.log" >&2; exit 1; }
 
 # Files the targets make for themselves (the settings store's) go to a private scratch folder,
 # in memory when /dev/shm is there, since the store fsyncs every write.

@@ -15,6 +15,8 @@ packages=(
   qt6-multimedia-dev gstreamer1.0-plugins-good gstreamer1.0-libav
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev acl btrfs-progs xvfb xauth
+  # a decimal-comma locale, to show that numbers never follow the user's locale
+  locales-all
   # fuzz targets: clang with its libFuzzer and sanitizer runtimes
   clang libclang-rt-14-dev
   # runtime: the media tools run as child processes

@@ -17,6 +17,9 @@ template <typename... Cases>
 struct Overloaded : Cases... {
     using Cases::operator()...;
 };
+// clang 14 doesn't deduce aggregate template arguments by itself.
+template <typename... Cases>
+Overloaded(Cases...) -> Overloaded<Cases...>;
 
 // The chosen folder, or nothing for next to the original.
 std::optional<std::filesystem::path> outputDirectoryOf(const QueueItem& item) {

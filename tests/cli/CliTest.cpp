@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -311,10 +312,16 @@ TEST(CliPresets, ShowsExportsAndImportsThroughTheSettingsFile) {
     ASSERT_EQ(twice["customPresets"].size(), 4u);
     EXPECT_NE(twice["customPresets"][2]["id"], twice["customPresets"][0]["id"]);
 
+    // Another JSON file, and an export cut by a NUL byte, import nothing.
     std::ofstream(folder / "other.json") << R"({"something": "else"})";
-    const ToolRun refused = runTool({"presets", "import", (folder / "other.json").string()}, other);
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_THAT(refused.err, HasSubstr("is not a preset export"));
+    std::ifstream exportedIn(exported, std::ios::binary);
+    const std::string exportedText{std::istreambuf_iterator<char>(exportedIn), {}};
+    std::ofstream(folder / "nul.json", std::ios::binary) << exportedText << '\0' << "junk";
+    for (const char* name : {"other.json", "nul.json"}) {
+        const ToolRun refused = runTool({"presets", "import", (folder / name).string()}, other);
+        EXPECT_EQ(refused.exitCode, 1) << name;
+        EXPECT_THAT(refused.err, HasSubstr("is not a preset export")) << name;
+    }
 
     // A custom preset converts like a built-in.
     const fs::path source = copyInto(folder.path(), test::testClip(TestClip::h264Aac), "c.mp4");
