@@ -42,23 +42,43 @@ int main(int argc, char** argv) {
     const fs::path hd = *folder / "hd.mp4";
     std::printf("making a 10-minute clip with pauses and a 1080p source...\n");
     std::fflush(stdout);
-    if (!tessarin::bench::runQuietly(
-            tools->ffmpeg,
-            {"-y", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
-             "color=c=navy:size=320x180:rate=10:duration=600", "-f", "lavfi", "-i",
-             "sine=frequency=440:sample_rate=48000:duration=600", "-filter_complex",
-             "[1:a]volume=enable='lt(mod(t,10),2)':volume=0[a]", "-map", "0:v", "-map", "[a]",
-             "-c:v", "libx264", "-preset", "ultrafast", "-c:a", "aac", "-shortest",
-             talk.string()}) ||
+    if (!tessarin::bench::runQuietly(tools->ffmpeg,
+                                     {"-y",
+                                      "-nostdin",
+                                      "-v",
+                                      "error",
+                                      "-f",
+                                      "lavfi",
+                                      "-i",
+                                      "color=c=navy:size=320x180:rate=10:duration=600",
+                                      "-f",
+                                      "lavfi",
+                                      "-i",
+                                      "sine=frequency=440:sample_rate=48000:duration=600",
+                                      "-filter_complex",
+                                      "[1:a]volume=enable='lt(mod(t,10),2)':volume=0[a]",
+                                      "-map",
+                                      "0:v",
+                                      "-map",
+                                      "[a]",
+                                      "-c:v",
+                                      "libx264",
+                                      "-preset",
+                                      "ultrafast",
+                                      "-c:a",
+                                      "aac",
+                                      "-shortest",
+                                      talk.string()}) ||
         !tessarin::bench::runQuietly(tools->ffmpeg,
                                      tessarin::bench::testClipArguments(hd, "1920x1080", 5))) {
         return 1;
     }
 
     // Audio alone, as the scan reads it.
-    const std::vector<std::string> bare = {"-nostdin", "-v",  "error", "-i", talk.string(),
-                                           "-vn",      "-af", "silencedetect=n=-35dB:d=0.5",
-                                           "-f",       "null", "-"};
+    const std::vector<std::string> bare = {
+        "-nostdin",    "-v",   "error", "-i",
+        talk.string(), "-vn",  "-af",   "silencedetect=n=-35dB:d=0.5",
+        "-f",          "null", "-"};
     std::vector<double> bareTimes;
     std::vector<double> scanTimes;
     std::vector<double> waveTimes;
@@ -74,9 +94,9 @@ int main(int argc, char** argv) {
         start = Clock::now();
         try {
             ProcessRunner runner;
-            clips = SilenceSuggestions::analyze(talk, *tools, SilenceSettings{}, 600.0, true,
-                                                runner)
-                        .size();
+            clips =
+                SilenceSuggestions::analyze(talk, *tools, SilenceSettings{}, 600.0, true, runner)
+                    .size();
         } catch (const SilenceSuggestions::Failure& failure) {
             std::fprintf(stderr, "scan failed: %s\n", failure.what());
             return 1;
@@ -103,9 +123,10 @@ int main(int argc, char** argv) {
     }
     const double bareMedian = tessarin::bench::median(bareTimes);
     const double scanMedian = tessarin::bench::median(scanTimes);
-    std::printf("silence scan of 10 min (%zu keep clips): %.3f s; bare silencedetect: %.3f s; "
-                "ratio %.3f (target <= 1.1)\n",
-                clips, scanMedian, bareMedian, scanMedian / bareMedian);
+    std::printf(
+        "silence scan of 10 min (%zu keep clips): %.3f s; bare silencedetect: %.3f s; "
+        "ratio %.3f (target <= 1.1)\n",
+        clips, scanMedian, bareMedian, scanMedian / bareMedian);
     std::printf("waveform of a 30 s window: %.1f ms (target < 150 ms)\n",
                 tessarin::bench::median(waveTimes) * 1000);
     std::printf("thumbnail of a 1080p source: %.1f ms (target < 100 ms)\n",

@@ -1,9 +1,9 @@
 #include <iostream>
 #include <memory>
 
+#include "cli/ClipListOption.hpp"
 #include "cli/Commands.hpp"
 #include "cli/Confirmation.hpp"
-#include "cli/ClipListOption.hpp"
 #include "cli/CutJoin.hpp"
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"

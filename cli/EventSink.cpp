@@ -132,12 +132,12 @@ void EventSink::suggestions(const std::vector<engine::ClipSelection>& clips,
         bar_->finish();
     }
     for (const engine::ClipSelection& clip : clips) {
-        std::cout << clip.trim().start.value_or("") << ' ' << clip.trim().end.value_or("")
-                  << '\n';
+        std::cout << clip.trim().start.value_or("") << ' ' << clip.trim().end.value_or("") << '\n';
     }
     std::cout.flush();
     if (clips.empty()) {
-        std::cerr << "tessarin: " << file_.string() << ": no sound above the threshold; no clips.\n";
+        std::cerr << "tessarin: " << file_.string()
+                  << ": no sound above the threshold; no clips.\n";
     }
     if (clipList) {
         std::cerr << "tessarin: clip list saved to " << clipList->string() << "\n";

@@ -27,8 +27,8 @@ struct PlannedJob {
 };
 
 struct RangeOptions {
-    std::optional<std::string> trim;    // START,END
-    std::vector<std::string> segments;  // START,END[,NAME] each
+    std::optional<std::string> trim;                // START,END
+    std::vector<std::string> segments;              // START,END[,NAME] each
     std::optional<std::filesystem::path> clipList;  // a clip list file, in place of segments
     std::optional<std::string> join;                // "keep" or "remove"
     // The clips read from `clipList` (loadClipList fills them in); they stand for segments.

@@ -30,8 +30,8 @@ std::vector<engine::ClipSelection> suggest(const fs::path& source, const engine:
                                   *probeRunner, engine::MediaProbe::kTimeoutSeconds, false);
     auto scanRunner = std::make_shared<engine::ProcessRunner>();
     interruption.watch(scanRunner);
-    return SilenceSuggestions::analyze(source, tools, settings, info.durationSeconds,
-                                       info.hasAudio, *scanRunner,
+    return SilenceSuggestions::analyze(source, tools, settings, info.durationSeconds, info.hasAudio,
+                                       *scanRunner,
                                        [&sink](double fraction) { sink.progress(fraction); });
 }
 
@@ -46,8 +46,8 @@ int runSilence(const SilenceRequest& request) {
                   << "\n";
         return kExitUsage;
     }
-    if (request.writeClipList && fs::symlink_status(*request.writeClipList).type() !=
-                                     fs::file_type::not_found) {
+    if (request.writeClipList &&
+        fs::symlink_status(*request.writeClipList).type() != fs::file_type::not_found) {
         std::cerr << "tessarin: " << request.writeClipList->string()
                   << " already exists; a clip list never replaces a file.\n";
         return kExitUsage;
@@ -90,7 +90,8 @@ int runSilence(const SilenceRequest& request) {
             sink.failed("clip list", invalid.what(), std::nullopt);
             return kExitFailure;
         } catch (const fs::filesystem_error& error) {
-            sink.failed("clip list", "Could not write the clip list: " + error.code().message() + ".",
+            sink.failed("clip list",
+                        "Could not write the clip list: " + error.code().message() + ".",
                         std::nullopt);
             return kExitFailure;
         }

@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const double length = 0.5 + data[0] * 0.25;  // 0.5 to 64.25 s
     SilenceSettings settings;
-    settings.padding = (data[1] % 21) * 0.1;           // 0 to 2 s
+    settings.padding = (data[1] % 21) * 0.1;            // 0 to 2 s
     settings.minimumClip = 0.1 + (data[2] % 20) * 0.1;  // 0.1 to 2 s
     const bool finish = (data[3] & 1) != 0;
     std::string_view rest(reinterpret_cast<const char*>(data + 4), size - 4);
@@ -48,8 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         progress = rest.substr(split + 1);
     }
     if (finish) {
-        progress += "out_time_us=" + std::to_string(std::llround(length * 1e6)) +
-                    "\nprogress=end\n";
+        progress +=
+            "out_time_us=" + std::to_string(std::llround(length * 1e6)) + "\nprogress=end\n";
     }
 
     std::vector<ClipSelection> clips;

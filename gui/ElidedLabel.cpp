@@ -23,7 +23,8 @@ bool ElidedLabel::isElided() const {
 }
 
 QSize ElidedLabel::minimumSizeHint() const {
-    return {fontMetrics().horizontalAdvance(QStringLiteral("W…")), QLabel::minimumSizeHint().height()};
+    return {fontMetrics().horizontalAdvance(QStringLiteral("W…")),
+            QLabel::minimumSizeHint().height()};
 }
 
 QSize ElidedLabel::sizeHint() const {

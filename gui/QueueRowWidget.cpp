@@ -198,8 +198,7 @@ void QueueRowWidget::setFacts(const app::SourceFacts& facts) {
     }
 }
 
-std::optional<QString> QueueRowWidget::timeLeftText(double fraction,
-                                                    std::chrono::seconds elapsed) {
+std::optional<QString> QueueRowWidget::timeLeftText(double fraction, std::chrono::seconds elapsed) {
     // Below a few percent or seconds the rate says too little to be worth showing.
     if (!(fraction >= 0.02 && fraction < 1.0) || elapsed.count() < 2) {
         return std::nullopt;

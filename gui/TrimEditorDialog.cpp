@@ -163,11 +163,11 @@ void TrimEditorDialog::build() {
                                [this] { editor_->keyframe(Action::previous, playhead_); }));
     stepping->addWidget(button(tr("Next keyframe"), "nextKeyframe",
                                [this] { editor_->keyframe(Action::next, playhead_); }));
-    auto* setHere = button(tr("Set start here"), "setStartHere",
-                           [this] { editor_->setStartHere(playhead_); });
+    auto* setHere =
+        button(tr("Set start here"), "setStartHere", [this] { editor_->setStartHere(playhead_); });
     setHere->setToolTip(tr("Use the currently viewed frame’s timestamp as this clip’s start."));
-    auto* setEnd = button(tr("Set end here"), "setEndHere",
-                          [this] { editor_->setEndHere(playhead_); });
+    auto* setEnd =
+        button(tr("Set end here"), "setEndHere", [this] { editor_->setEndHere(playhead_); });
     setEnd->setToolTip(tr("Use the currently viewed frame’s timestamp as this clip’s end."));
     stepping->addWidget(setHere);
     stepping->addWidget(setEnd);
@@ -183,9 +183,8 @@ void TrimEditorDialog::build() {
     keyframes->addWidget(button(tr("Use viewed keyframe as end"), "viewedAsEnd",
                                 [this] { editor_->keyframe(Action::viewedAsEnd, playhead_); }));
     layout->addLayout(keyframes);
-    auto* keyframeNote =
-        new QLabel(tr("Keyframes are different from ordinary frame steps. Snapping is optional."),
-                   this);
+    auto* keyframeNote = new QLabel(
+        tr("Keyframes are different from ordinary frame steps. Snapping is optional."), this);
     keyframeNote->setWordWrap(true);
     layout->addWidget(keyframeNote);
     keyframeMessage_ = new QLabel(this);
@@ -228,11 +227,11 @@ void TrimEditorDialog::build() {
 
     auto* clipTools = new QHBoxLayout;
     clipTools->addWidget(button(tr("Add clip"), "addClip", [this] { editor_->addClip(); }));
-    clipTools->addWidget(button(tr("Remove clip"), "removeClip", [this] { editor_->removeClip(); }));
+    clipTools->addWidget(
+        button(tr("Remove clip"), "removeClip", [this] { editor_->removeClip(); }));
     clipTools->addWidget(
         button(tr("Select whole file"), "selectWholeFile", [this] { editor_->selectWholeFile(); }));
-    auto* chapters =
-        button(tr("Use chapters"), "useChapters", [this] { editor_->useChapters(); });
+    auto* chapters = button(tr("Use chapters"), "useChapters", [this] { editor_->useChapters(); });
     chapters->setToolTip(tr("Replace the clip list with this file's chapters."));
     clipTools->addWidget(chapters);
     clipTools->addWidget(
@@ -257,14 +256,15 @@ void TrimEditorDialog::build() {
             editor_->saveClips(file.toStdString());
         }
     });
-    save->setToolTip(tr("Overlapping ranges are merged. Save clips writes the kept ranges; "
-                        "loading them starts with separate exports."));
+    save->setToolTip(
+        tr("Overlapping ranges are merged. Save clips writes the kept ranges; "
+           "loading them starts with separate exports."));
     fileTools->addWidget(save);
     fileTools->addWidget(button(tr("Split clips"), "splitClips", [this] {
         bool ok = false;
-        const QString by = QInputDialog::getItem(
-            this, tr("Split clips"), tr("Split by"), {tr("Seconds per clip"), tr("Number of clips")},
-            0, false, &ok);
+        const QString by =
+            QInputDialog::getItem(this, tr("Split clips"), tr("Split by"),
+                                  {tr("Seconds per clip"), tr("Number of clips")}, 0, false, &ok);
         if (!ok) {
             return;
         }
@@ -305,25 +305,26 @@ void TrimEditorDialog::build() {
         return box;
     };
     noise_ = field(tr("Silence below"), "noiseDB", defaults.noiseDB, -80, -10, tr(" dB"));
-    minimumSilence_ = field(tr("for"), "minimumSilence", defaults.minimumSilence, 0.1, 60, tr(" s"));
+    minimumSilence_ =
+        field(tr("for"), "minimumSilence", defaults.minimumSilence, 0.1, 60, tr(" s"));
     padding_ = field(tr("Padding"), "padding", defaults.padding, 0, 2, tr(" s"));
     minimumClip_ = field(tr("Least clip"), "minimumClip", defaults.minimumClip, 0.1, 60, tr(" s"));
     suggestions->addWidget(button(tr("Use suggested clips"), "useSuggestedClips", [this] {
-        editor_->useSuggestedClips({noise_->value(), minimumSilence_->value(), padding_->value(),
-                                    minimumClip_->value()});
+        editor_->useSuggestedClips(
+            {noise_->value(), minimumSilence_->value(), padding_->value(), minimumClip_->value()});
     }));
     layout->addLayout(suggestions);
 
     mode_ = new QComboBox(this);
     mode_->setObjectName("exportMode");
-    for (const app::ClipExportMode mode : {app::ClipExportMode::separate,
-                                          app::ClipExportMode::keep,
-                                          app::ClipExportMode::remove}) {
+    for (const app::ClipExportMode mode :
+         {app::ClipExportMode::separate, app::ClipExportMode::keep, app::ClipExportMode::remove}) {
         mode_->addItem(qs(std::string(app::exportModeTitle(mode))), static_cast<int>(mode));
     }
     connect(mode_, &QComboBox::currentIndexChanged, this, [this](int index) {
         if (!reloading_) {
-            editor_->setExportMode(static_cast<app::ClipExportMode>(mode_->itemData(index).toInt()));
+            editor_->setExportMode(
+                static_cast<app::ClipExportMode>(mode_->itemData(index).toInt()));
         }
     });
     layout->addWidget(mode_);
@@ -379,8 +380,7 @@ void TrimEditorDialog::showWaveformFor(double seconds) {
     if (!editor_->hasAudio() || !editor_->duration()) {
         return;
     }
-    const double start =
-        std::floor(seconds / kWaveformWindowSeconds) * kWaveformWindowSeconds;
+    const double start = std::floor(seconds / kWaveformWindowSeconds) * kWaveformWindowSeconds;
     const auto window = editor_->waveformWindow();
     if (!window || window->first != start) {
         editor_->requestWaveform(start, kWaveformWindowSeconds);
@@ -467,10 +467,10 @@ void TrimEditorDialog::reload() {
     probeMessage_->setText(qs(editor_->probeMessage()));
     keyframeMessage_->setText(editor_->keyframeSearching() ? tr("Finding keyframe…")
                                                            : qs(editor_->keyframeMessage()));
-    fileMessage_->setText(qs(visual ? std::string(app::TrimEditor::kVisualEditingActive)
-                                    : editor_->fileMessage()));
-    applyNote_->setText(qs(editor_->applyFailed() ? editor_->applyMessage()
-                                                  : editor_->applyNote()));
+    fileMessage_->setText(
+        qs(visual ? std::string(app::TrimEditor::kVisualEditingActive) : editor_->fileMessage()));
+    applyNote_->setText(
+        qs(editor_->applyFailed() ? editor_->applyMessage() : editor_->applyNote()));
     reloading_ = false;
     if (length && !editor_->waveformWindow()) {
         showWaveformFor(playhead_);

@@ -64,8 +64,8 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
         !(row->state.kind == QueueItem::StateKind::waiting && preset && row->descriptor)) {
         return false;  // running, finished, or a waiting job that only takes its own trim
     }
-    const bool separateClips = result.clips && result.clips->size() > 1 &&
-                               result.mode == ClipExportMode::separate;
+    const bool separateClips =
+        result.clips && result.clips->size() > 1 && result.mode == ClipExportMode::separate;
     if (!staged && separateClips) {
         return false;  // one waiting job can't become several outputs
     }
@@ -91,8 +91,8 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
         row->pendingClips.reset();
         row->pendingTrim = result.trim;
         trim = result.trim;
-        row->trimLabel = result.trim ? std::optional<std::string>("Using this file’s trim")
-                                     : std::nullopt;
+        row->trimLabel =
+            result.trim ? std::optional<std::string>("Using this file’s trim") : std::nullopt;
     }
     if (!staged) {
         // A waiting conversion takes the new range now.

@@ -52,10 +52,10 @@ SourceFacts gather(const std::filesystem::path& source, const std::optional<engi
         facts.width = info.width;
         facts.height = info.height;
         if (info.width) {
-            facts.thumbnailPng = engine::Thumbnail::render(source, *tools, 0,
-                                                           SourceFactsLoader::kThumbnailWidth,
-                                                           thumbnailRunner)
-                                     .value_or("");
+            facts.thumbnailPng =
+                engine::Thumbnail::render(source, *tools, 0, SourceFactsLoader::kThumbnailWidth,
+                                          thumbnailRunner)
+                    .value_or("");
         }
     } catch (const engine::MediaProbeError&) {
         // The row shows the size alone; the job will say what is wrong with the file.
@@ -110,8 +110,7 @@ SourceFactsLoader::SourceFactsLoader(std::optional<engine::Tools> tools, QObject
     : QObject(parent),
       tools_(std::move(tools)),
       pending_(std::make_shared<Pending>()),
-      handoff_(std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults",
-                                                   factsLog())) {}
+      handoff_(std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults", factsLog())) {}
 
 SourceFactsLoader::~SourceFactsLoader() {
     handoff_->detach();

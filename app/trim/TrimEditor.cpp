@@ -48,8 +48,8 @@ TrimEditor::TrimEditor(TrimEditorRequest request, std::optional<engine::Tools> t
       request_(std::move(request)),
       tools_(std::move(tools)),
       work_(std::make_shared<Work>()),
-      handoff_(std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults",
-                                                   trimEditorLog())) {
+      handoff_(
+          std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults", trimEditorLog())) {
     undoTarget_.read = [this] { return snapshot_; };
     undoTarget_.write = [this](const TrimEditorSnapshot& snapshot) {
         snapshot_ = snapshot;
@@ -322,7 +322,8 @@ void TrimEditor::useBatchTrim() {
     });
 }
 
-// ---- Sources of clips ----------------------------------------------------------------------------
+// ---- Sources of clips
+// ----------------------------------------------------------------------------
 
 void TrimEditor::replaceClips(std::vector<ClipDraft> clips, const std::string& message,
                               std::optional<ClipExportMode> mode) {
@@ -476,7 +477,8 @@ bool TrimEditor::apply() {
     return taken;
 }
 
-// ---- Preview --------------------------------------------------------------------------------------
+// ---- Preview
+// --------------------------------------------------------------------------------------
 
 void TrimEditor::setPreviewAvailable(bool available) {
     previewReady_ = available;
@@ -504,8 +506,7 @@ void TrimEditor::confirmHandles() {
     const std::size_t index = snapshot_.selected;
     change([&](TrimEditorSnapshot& s) {
         s.clips[index].start = start <= 0 ? "" : editorTimeText(start);
-        s.clips[index].end =
-            duration_ && end >= *duration_ ? "" : editorTimeText(end);
+        s.clips[index].end = duration_ && end >= *duration_ ? "" : editorTimeText(end);
         s.inheritBatch = false;
     });
     automaticVisualTrimPending_ = false;

@@ -38,12 +38,12 @@ class TrimEditor : public QObject {
 
 public:
     enum class KeyframeAction {
-        previous,        // "Previous keyframe": move the playhead
-        next,            // "Next keyframe"
-        snapStart,       // "Snap start to previous keyframe"
-        snapEnd,         // "Snap end to next keyframe"
-        viewedAsStart,   // "Use viewed keyframe as start"
-        viewedAsEnd,     // "Use viewed keyframe as end"
+        previous,       // "Previous keyframe": move the playhead
+        next,           // "Next keyframe"
+        snapStart,      // "Snap start to previous keyframe"
+        snapEnd,        // "Snap end to next keyframe"
+        viewedAsStart,  // "Use viewed keyframe as start"
+        viewedAsEnd,    // "Use viewed keyframe as end"
     };
 
     // `tools` absent: "Video tools unavailable." and nothing that needs them runs.
@@ -137,8 +137,9 @@ public:
     // selected clip.
     void keyframe(KeyframeAction action, double playhead);
 
-    // ---- Waveform --------------------------------------------------------------------------------
-    // Draws the audio of `length` seconds from `start`; an older request's picture is dropped.
+    // ---- Waveform
+    // -------------------------------------------------------------------------------- Draws the
+    // audio of `length` seconds from `start`; an older request's picture is dropped.
     void requestWaveform(double start, double length);
     // The PNG of the latest window, or the sentence in its place.
     [[nodiscard]] const std::string& waveformPng() const { return waveformPng_; }

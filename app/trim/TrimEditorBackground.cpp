@@ -166,13 +166,13 @@ void TrimEditor::finishKeyframe(uint64_t id, KeyframeAction action, TrimEditorSn
     } else if (action == KeyframeAction::snapStart || action == KeyframeAction::viewedAsStart) {
         setStart(snapshot_.selected, *time <= 0 ? "" : editorTimeText(*time));
     } else {
-        setEnd(snapshot_.selected,
-               duration_ && *time >= *duration_ ? "" : editorTimeText(*time));
+        setEnd(snapshot_.selected, duration_ && *time >= *duration_ ? "" : editorTimeText(*time));
     }
     emit changed();
 }
 
-// ---- Suggestions ----------------------------------------------------------------------------------
+// ---- Suggestions
+// ----------------------------------------------------------------------------------
 
 void TrimEditor::useSuggestedClips(const engine::SilenceSettings& settings) {
     if (editingLocked()) {
@@ -193,8 +193,8 @@ void TrimEditor::useSuggestedClips(const engine::SilenceSettings& settings) {
         std::optional<std::vector<engine::ClipSelection>> clips;
         std::string failure;
         try {
-            clips = engine::SilenceSuggestions::analyze(source, tools, settings, duration,
-                                                        hasAudio, *runner);
+            clips = engine::SilenceSuggestions::analyze(source, tools, settings, duration, hasAudio,
+                                                        *runner);
         } catch (const engine::SilenceSuggestions::Failure& error) {
             failure = error.what();
         }
@@ -210,8 +210,9 @@ void TrimEditor::useSuggestedClips(const engine::SilenceSettings& settings) {
                 return;
             }
             if (clips->empty()) {
-                fileMessage_ = "No sound was found above the noise threshold; the clip list is "
-                               "unchanged.";
+                fileMessage_ =
+                    "No sound was found above the noise threshold; the clip list is "
+                    "unchanged.";
                 emit changed();
                 return;
             }
@@ -229,13 +230,14 @@ void TrimEditor::cancelSuggestions() {
     ++suggestionRequest_;
     suggesting_ = false;
     work_->cancel(Slot::suggestions);
-    fileMessage_ = engine::SilenceSuggestions::Failure(
-                       engine::SilenceSuggestions::Failure::Kind::cancelled)
-                       .what();
+    fileMessage_ =
+        engine::SilenceSuggestions::Failure(engine::SilenceSuggestions::Failure::Kind::cancelled)
+            .what();
     emit changed();
 }
 
-// ---- Waveform --------------------------------------------------------------------------------------
+// ---- Waveform
+// --------------------------------------------------------------------------------------
 
 void TrimEditor::requestWaveform(double start, double length) {
     const uint64_t revision = ++waveformRevision_;
@@ -247,24 +249,24 @@ void TrimEditor::requestWaveform(double start, double length) {
         return;
     }
     const std::shared_ptr<engine::ProcessRunner> runner = work_->install(Slot::waveform);
-    handoff_->start([this, revision, runner, start, length, source = request_.source,
-                     tools = *tools_]() {
-        std::string png;
-        std::string failure;
-        try {
-            png = engine::WaveformPreview::render(source, tools, start, length, *runner);
-        } catch (const engine::WaveformPreview::Failure& error) {
-            failure = error.what();
-        }
-        return [this, revision, png = std::move(png), failure] {
-            if (revision != waveformRevision_) {
-                return;  // the window moved on
+    handoff_->start(
+        [this, revision, runner, start, length, source = request_.source, tools = *tools_]() {
+            std::string png;
+            std::string failure;
+            try {
+                png = engine::WaveformPreview::render(source, tools, start, length, *runner);
+            } catch (const engine::WaveformPreview::Failure& error) {
+                failure = error.what();
             }
-            waveformPng_ = png;
-            waveformMessage_ = failure;
-            emit changed();
-        };
-    });
+            return [this, revision, png = std::move(png), failure] {
+                if (revision != waveformRevision_) {
+                    return;  // the window moved on
+                }
+                waveformPng_ = png;
+                waveformMessage_ = failure;
+                emit changed();
+            };
+        });
 }
 
 }  // namespace tessarin::app

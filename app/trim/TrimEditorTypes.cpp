@@ -17,8 +17,7 @@ std::string_view exportModeTitle(ClipExportMode mode) {
 }
 
 ClipDraft ClipDraft::from(const engine::ClipSelection& clip) {
-    return {clip.id(), clip.trim().start.value_or(""), clip.trim().end.value_or(""),
-            clip.name()};
+    return {clip.id(), clip.trim().start.value_or(""), clip.trim().end.value_or(""), clip.name()};
 }
 
 engine::Trim ClipDraft::trim() const {

@@ -19,7 +19,9 @@ namespace fs = std::filesystem;
 using Kind = ClipListFile::Invalid::Kind;
 using nlohmann::json;
 
-[[noreturn]] void fail(Kind kind) { throw ClipListFile::Invalid(kind); }
+[[noreturn]] void fail(Kind kind) {
+    throw ClipListFile::Invalid(kind);
+}
 
 [[noreturn]] void failSystem(const std::string& what, const fs::path& path, int error) {
     throw fs::filesystem_error(what, path, std::error_code(error, std::generic_category()));
@@ -36,7 +38,9 @@ bool sameFile(const fs::path& a, const fs::path& b) {
     return fs::equivalent(a, b, error);
 }
 
-std::string temporaryName() { return ".tessarin-cliplist-" + Uuid::random().text(); }
+std::string temporaryName() {
+    return ".tessarin-cliplist-" + Uuid::random().text();
+}
 
 // `data` into a new file beside `destination`, then renamed onto it (or, keeping what exists,
 // only to a free name).
@@ -93,8 +97,7 @@ std::string readBounded(const fs::path& file) {
         ::close(fd);
         failSystem("cannot read the clip list", file, error);
     }
-    if (!S_ISREG(status.st_mode) ||
-        status.st_size > static_cast<off_t>(ClipListFile::kSizeLimit)) {
+    if (!S_ISREG(status.st_mode) || status.st_size > static_cast<off_t>(ClipListFile::kSizeLimit)) {
         ::close(fd);
         fail(Kind::size);
     }

@@ -68,8 +68,8 @@ public:
     // document for 0 or more than 500 clips or repeated ids; source; size) or
     // std::filesystem::filesystem_error.
     static void write(std::span<const ClipSelection> clips,
-                      const std::filesystem::path& destination,
-                      const std::filesystem::path& source, Existing existing = Existing::replace);
+                      const std::filesystem::path& destination, const std::filesystem::path& source,
+                      Existing existing = Existing::replace);
 
     // The clips of the list in `file`, which must belong to `source` as it is now. Opens without
     // blocking on a named pipe and reads at most kSizeLimit + 1 bytes. Throws Invalid (size,

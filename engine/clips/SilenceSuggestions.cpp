@@ -21,7 +21,9 @@ constexpr int64_t kOrderToleranceMicroseconds = 1;
 // Standard error carries progress blocks and error lines; the last block is all that counts.
 constexpr std::size_t kProgressTailBytes = 65'536;
 
-[[noreturn]] void fail(Kind kind) { throw SilenceSuggestions::Failure(kind); }
+[[noreturn]] void fail(Kind kind) {
+    throw SilenceSuggestions::Failure(kind);
+}
 
 bool within(double value, double low, double high) {
     return std::isfinite(value) && value >= low && value <= high;
@@ -37,7 +39,9 @@ std::optional<double> parseDouble(std::string_view text) {
     return value;
 }
 
-int64_t microseconds(double seconds) { return std::llround(seconds * 1'000'000.0); }
+int64_t microseconds(double seconds) {
+    return std::llround(seconds * 1'000'000.0);
+}
 
 // Calls `line` for each line of `text`, without its line break or a trailing "\r".
 template <typename Function>
@@ -101,8 +105,9 @@ std::vector<Silence> silencesOf(std::string_view metadata, double length) {
         if (line.starts_with("lavfi.silence_start=")) {
             const double start = value(line.substr(20));
             // One pass over the audio reports silences in time order; anything else is not it.
-            if (open || (!silences.empty() && microseconds(start) < microseconds(silences.back().end) -
-                                                                  kOrderToleranceMicroseconds)) {
+            if (open ||
+                (!silences.empty() && microseconds(start) < microseconds(silences.back().end) -
+                                                                kOrderToleranceMicroseconds)) {
                 fail(Kind::incomplete);
             }
             open = start;
@@ -146,7 +151,9 @@ const char* SilenceSuggestions::Failure::what() const noexcept {
     return "Silence analysis failed.";
 }
 
-double SilenceSuggestions::timeoutFor(double length) { return 120.0 + length / 10.0; }
+double SilenceSuggestions::timeoutFor(double length) {
+    return 120.0 + length / 10.0;
+}
 
 std::vector<std::string> SilenceSuggestions::arguments(const std::filesystem::path& source,
                                                        const SilenceSettings& settings,
@@ -155,9 +162,23 @@ std::vector<std::string> SilenceSuggestions::arguments(const std::filesystem::pa
         "[0:a:0]aresample=async=1:first_pts=0,apad=whole_dur={0:.6f},atrim=duration={0:.6f},"
         "silencedetect=n={1:.6f}dB:d={2:.6f},ametadata=mode=print:file='pipe\\:1'[analysis]",
         length, settings.noiseDB, settings.minimumSilence);
-    return {"-nostdin", "-v",   "error", "-err_detect", "explode",  "-xerror",   "-i",
-            source.string(), "-filter_complex", graph, "-map", "[analysis]", "-f", "null",
-            "-", "-progress", "pipe:2"};
+    return {"-nostdin",
+            "-v",
+            "error",
+            "-err_detect",
+            "explode",
+            "-xerror",
+            "-i",
+            source.string(),
+            "-filter_complex",
+            graph,
+            "-map",
+            "[analysis]",
+            "-f",
+            "null",
+            "-",
+            "-progress",
+            "pipe:2"};
 }
 
 std::vector<ClipSelection> SilenceSuggestions::interpret(std::string_view metadata,
@@ -198,19 +219,17 @@ std::vector<ClipSelection> SilenceSuggestions::interpret(std::string_view metada
     std::vector<ClipSelection> clips;
     clips.reserve(kept.size());
     for (std::size_t index = 0; index < kept.size(); ++index) {
-        clips.emplace_back(Trim{microsecondText(kept[index].first),
-                                microsecondText(kept[index].second)},
-                           "Suggested " + std::to_string(index + 1));
+        clips.emplace_back(
+            Trim{microsecondText(kept[index].first), microsecondText(kept[index].second)},
+            "Suggested " + std::to_string(index + 1));
     }
     return clips;
 }
 
-std::vector<ClipSelection> SilenceSuggestions::analyze(const std::filesystem::path& source,
-                                                       const Tools& tools,
-                                                       const SilenceSettings& settings,
-                                                       std::optional<double> duration,
-                                                       bool hasAudio, ProcessRunner& runner,
-                                                       const std::function<void(double)>& onProgress) {
+std::vector<ClipSelection> SilenceSuggestions::analyze(
+    const std::filesystem::path& source, const Tools& tools, const SilenceSettings& settings,
+    std::optional<double> duration, bool hasAudio, ProcessRunner& runner,
+    const std::function<void(double)>& onProgress) {
     if (!settings.isValid()) {
         fail(Kind::settings);
     }
@@ -268,8 +287,8 @@ std::vector<ClipSelection> SilenceSuggestions::analyze(const std::filesystem::pa
     };
     ProcessResult result;
     try {
-        result = runner.runRaw(tools.ffmpeg, arguments(source, settings, length),
-                               std::move(options));
+        result =
+            runner.runRaw(tools.ffmpeg, arguments(source, settings, length), std::move(options));
     } catch (const LaunchError&) {
         fail(Kind::incomplete);
     }

@@ -38,9 +38,24 @@ std::vector<std::string> WaveformPreview::arguments(const std::filesystem::path&
         "[0:a:0]aresample=8000:async=1:first_pts=0,apad=whole_dur={0:.6f},"
         "atrim=duration={0:.6f},showwavespic=s={1}x{2}:colors=white:filter=peak[wave]",
         length, kWidth, kHeight);
-    return {"-nostdin", "-v",     "error", "-ss",   fmt::format("{:.6f}", start),
-            "-i",       source.string(),   "-filter_complex", graph,
-            "-map",     "[wave]", "-frames:v", "1", "-f", "image2pipe", "-c:v", "png", "-"};
+    return {"-nostdin",
+            "-v",
+            "error",
+            "-ss",
+            fmt::format("{:.6f}", start),
+            "-i",
+            source.string(),
+            "-filter_complex",
+            graph,
+            "-map",
+            "[wave]",
+            "-frames:v",
+            "1",
+            "-f",
+            "image2pipe",
+            "-c:v",
+            "png",
+            "-"};
 }
 
 std::string WaveformPreview::render(const std::filesystem::path& source, const Tools& tools,

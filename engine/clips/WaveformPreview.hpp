@@ -52,9 +52,8 @@ public:
     // Runs ffmpeg on `runner` (fresh; any thread may cancel it) and returns the PNG's bytes.
     // Throws Failure only: range before anything runs, cancelled, or unavailable for a time-out,
     // a failed run, a source without audio, or output that isn't one bounded PNG.
-    [[nodiscard]] static std::string render(const std::filesystem::path& source,
-                                            const Tools& tools, double start, double length,
-                                            ProcessRunner& runner);
+    [[nodiscard]] static std::string render(const std::filesystem::path& source, const Tools& tools,
+                                            double start, double length, ProcessRunner& runner);
 };
 
 }  // namespace tessarin::engine

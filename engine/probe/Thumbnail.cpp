@@ -13,10 +13,9 @@ std::vector<std::string> Thumbnail::arguments(const std::filesystem::path& sourc
         // Frames before the time are dropped after the seek, so a keyframe must follow it.
         args.insert(args.end(), {"-ss", fmt::format("{:.6f}", at)});
     }
-    args.insert(args.end(),
-                {"-i", source.string(), "-map", "0:V:0", "-frames:v", "1", "-vf",
-                 fmt::format("scale={}:-2:flags=fast_bilinear", width), "-f", "image2pipe",
-                 "-c:v", "png", "-"});
+    args.insert(args.end(), {"-i", source.string(), "-map", "0:V:0", "-frames:v", "1", "-vf",
+                             fmt::format("scale={}:-2:flags=fast_bilinear", width), "-f",
+                             "image2pipe", "-c:v", "png", "-"});
     return args;
 }
 

@@ -31,8 +31,8 @@ public:
     // The PNG, or nothing when the source has no picture there, the run failed, timed out or
     // was cancelled on `runner` (fresh; any thread may cancel it). Never throws but bad_alloc.
     [[nodiscard]] static std::optional<std::string> render(const std::filesystem::path& source,
-                                                           const Tools& tools, double at,
-                                                           int width, ProcessRunner& runner);
+                                                           const Tools& tools, double at, int width,
+                                                           ProcessRunner& runner);
 };
 
 }  // namespace tessarin::engine

@@ -1,8 +1,8 @@
 #include "engine/text/UnicodeText.hpp"
 
 #include <unicode/ubrk.h>
-#include <unicode/unorm2.h>
 #include <unicode/uchar.h>
+#include <unicode/unorm2.h>
 #include <unicode/ustring.h>
 
 #include <algorithm>
@@ -287,8 +287,7 @@ bool canonicallyEqual(std::string_view left, std::string_view right) {
             return std::nullopt;
         }
         code = U_ZERO_ERROR;
-        const int32_t needed =
-            unorm2_normalize(nfd, utf16.data(), units, nullptr, 0, &code);
+        const int32_t needed = unorm2_normalize(nfd, utf16.data(), units, nullptr, 0, &code);
         std::u16string out(static_cast<std::size_t>(needed), u'\0');
         code = U_ZERO_ERROR;
         unorm2_normalize(nfd, utf16.data(), units, out.data(), needed, &code);

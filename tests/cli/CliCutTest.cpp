@@ -253,9 +253,10 @@ TEST(CliCut, ExportsNothingUntilConfirmedAndRefusesBadRanges) {
     };
     const std::vector<Refused> refused = {
         {{"--trim", "1,2", "--segment", "3,4"}, "Use either --trim or --segment, not both."},
-        {{"--trim", "1,2", "--join", "keep"}, "--join needs at least one --segment."},
+        {{"--trim", "1,2", "--join", "keep"},
+         "--join needs at least one --segment or a --clip-list."},
         {{"--segment", "1,2", "--join", "remove"}, "A cut can only keep segments"},
-        {{}, "A cut needs --trim or --segment."},
+        {{}, "A cut needs --trim, --segment or --clip-list."},
         {{"--trim", "5,1"}, "--trim 5,1"},
     };
     for (const Refused& row : refused) {

@@ -25,8 +25,8 @@ std::string readText(const fs::path& path) {
 
 TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     const test::TempDir folder;
-    const fs::path source = copyInto(folder.path(), test::testClip(test::TestClip::pausedTone),
-                                     "talk.mp4");
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(test::TestClip::pausedTone), "talk.mp4");
     const fs::path list = folder / "talk.clips.json";
 
     const ToolRun scan = runTool({"silence", "--write-clip-list", list.string(), source.string()});
@@ -64,8 +64,8 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     const fs::path output = folder / "out";
     fs::create_directory(output);
     const ToolRun convert =
-        runTool({"convert", "--preset", "mp4-h264", "--clip-list", list.string(), "--join",
-                 "keep", "--output-dir", output.string(), source.string()});
+        runTool({"convert", "--preset", "mp4-h264", "--clip-list", list.string(), "--join", "keep",
+                 "--output-dir", output.string(), source.string()});
     ASSERT_EQ(convert.exitCode, 0) << convert.err;
     const std::vector<std::string> names = namesIn(output);
     ASSERT_EQ(names.size(), 1u);
@@ -73,12 +73,23 @@ TEST(CliSilence, PrintsAndSavesTheKeepClipsThenConvertsThemJoined) {
     ASSERT_TRUE(joined.durationSeconds.has_value());
     EXPECT_NEAR(*joined.durationSeconds,
                 (ranges[0].second - ranges[0].first) + (ranges[1].second - ranges[1].first), 0.15);
+
+    // A cut plans each listed clip for review and, unconfirmed, writes nothing.
+    const ToolRun cut = runTool({"cut", "--json", "--clip-list", list.string(), "--output-dir",
+                                 output.string(), source.string()});
+    EXPECT_EQ(cut.exitCode, 4) << cut.err;
+    std::size_t plans = 0;
+    for (const nlohmann::json& event : jsonEvents(cut.out)) {
+        plans += event["event"] == "plan" ? 1 : 0;
+    }
+    EXPECT_EQ(plans, 2u);
+    EXPECT_EQ(namesIn(output).size(), 1u);
 }
 
 TEST(CliSilence, RefusesAListForATouchedSourceAndBadSettings) {
     const test::TempDir folder;
-    const fs::path source = copyInto(folder.path(), test::testClip(test::TestClip::pausedTone),
-                                     "talk.mp4");
+    const fs::path source =
+        copyInto(folder.path(), test::testClip(test::TestClip::pausedTone), "talk.mp4");
     const fs::path list = folder / "talk.clips.json";
     ASSERT_EQ(runTool({"silence", "--write-clip-list", list.string(), source.string()}).exitCode,
               0);

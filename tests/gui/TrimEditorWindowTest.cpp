@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
-#include <QToolButton>
 #include <QScrollBar>
 #include <QTest>
+#include <QToolButton>
 #include <filesystem>
 
 #include "gui/ActionChips.hpp"
@@ -99,10 +99,9 @@ TEST_F(TrimEditorWindowTest, AFinishedRowWithALongNameKeepsItsButtonsAtTheMinimu
 
 TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesToTheRow) {
     const fs::path clip = test::makeClip(
-        "keyframes-every-1s.mp4",
-        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4", "-c:v", "libx264",
-         "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
-         "keyint=10:min-keyint=10:scenecut=0"});
+        "keyframes-every-1s.mp4", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4",
+                                   "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p",
+                                   "-x264-params", "keyint=10:min-keyint=10:scenecut=0"});
     test::dropOn(window_->findChild<QWidget*>("dropZone"), {stage(clip, "talk.mp4")});
     ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
     const engine::Uuid id = core_->queue().items().front().id;

@@ -189,14 +189,14 @@ fs::path testClip(TestClip clip) {
         case TestClip::pausedTone:
             return makeClip(
                 "paused-tone.mp4",
-                join({{"-f", "lavfi", "-i", "color=c=navy:size=160x120:rate=10:duration=10", "-f",
-                       "lavfi", "-i", "sine=frequency=440:sample_rate=48000:duration=10",
-                       "-filter_complex",
-                       "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]", "-map", "0:v",
-                       "-map", "[a]"},
-                      kX264,
-                      kAac,
-                      {"-movflags", "+faststart", "-shortest"}}));
+                join(
+                    {{"-f", "lavfi", "-i", "color=c=navy:size=160x120:rate=10:duration=10", "-f",
+                      "lavfi", "-i", "sine=frequency=440:sample_rate=48000:duration=10",
+                      "-filter_complex", "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]",
+                      "-map", "0:v", "-map", "[a]"},
+                     kX264,
+                     kAac,
+                     {"-movflags", "+faststart", "-shortest"}}));
     }
     throw std::logic_error("unknown test clip");
 }

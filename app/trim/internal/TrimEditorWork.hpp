@@ -22,7 +22,7 @@ struct TrimEditor::Work {
     enum class Slot { probe, keyframe, suggestions, waveform };
 
     std::mutex mutex;
-    bool closed = false;                                              // guarded by mutex
+    bool closed = false;                                             // guarded by mutex
     std::map<Slot, std::shared_ptr<engine::ProcessRunner>> runners;  // guarded by mutex
 
     // A fresh runner for `slot`; the one it replaces is cancelled. Cancelled at once after

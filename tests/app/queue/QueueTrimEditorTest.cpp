@@ -53,9 +53,8 @@ TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutp
 
     queue.setSelectedActionID(ActionID::preset("mp4-h264"));
     queue.start();
-    ASSERT_TRUE(test::waitFor([&] {
-        return queue.items().size() == 3 && test::countIn(queue, Kind::done) == 3;
-    }));
+    ASSERT_TRUE(test::waitFor(
+        [&] { return queue.items().size() == 3 && test::countIn(queue, Kind::done) == 3; }));
     std::vector<std::string> names;
     std::vector<double> lengths;
     for (const QueueItem& item : queue.items()) {

@@ -26,17 +26,16 @@ engine::Tools helperTools() {
 // 4 s at 10 fps with a keyframe every second.
 fs::path keyframeClip() {
     return test::makeClip("keyframes-every-1s.mp4",
-                          {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4",
-                           "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p",
-                           "-x264-params", "keyint=10:min-keyint=10:scenecut=0"});
+                          {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4", "-c:v",
+                           "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
+                           "keyint=10:min-keyint=10:scenecut=0"});
 }
 
 class TrimEditorTest : public ::testing::Test {
 protected:
     void SetUp() override { test::ensureCoreApplication(); }
 
-    std::unique_ptr<TrimEditor> openEditor(const fs::path& source,
-                                           TrimEditorRequest request = {}) {
+    std::unique_ptr<TrimEditor> openEditor(const fs::path& source, TrimEditorRequest request = {}) {
         request.source = source;
         auto editor = std::make_unique<TrimEditor>(request, helperTools());
         editor->onApply = [this](const TrimEditorResult& result) {

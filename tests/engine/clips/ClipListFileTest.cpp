@@ -1,7 +1,7 @@
 // Clip list files on a real file system: round trips, stamps, sizes and refusals.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>

@@ -1,10 +1,10 @@
 // Waveform pictures from the real ffmpeg, decoded again with libvips to check what was drawn.
 #include <gtest/gtest.h>
-#include <vips/vips8>
 
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vips/vips8>
 
 #include "engine/clips/WaveformPreview.hpp"
 #include "tests/support/TestMedia.hpp"
@@ -56,8 +56,8 @@ TEST(WaveformPreview, DrawsTenSecondsAt1200By120WithTheSilentEndFlat) {
     ASSERT_EQ(picture.height(), 120);
     ASSERT_EQ(picture.bands(), 4);
     const VImage alpha = picture[3];
-    EXPECT_GE(tallestColumn(alpha, 20, 220), 8);   // the tone
-    EXPECT_LE(tallestColumn(alpha, 260, 460), 1);  // the pause
+    EXPECT_GE(tallestColumn(alpha, 20, 220), 8);    // the tone
+    EXPECT_LE(tallestColumn(alpha, 260, 460), 1);   // the pause
     EXPECT_LE(tallestColumn(alpha, 740, 1200), 1);  // the silent end
     // What is drawn is white.
     EXPECT_DOUBLE_EQ(picture[0].max(), 255.0);
