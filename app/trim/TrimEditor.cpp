@@ -500,7 +500,8 @@ void TrimEditor::confirmHandles() {
     if (!trimmingVisually_ || !handles_) {
         return;
     }
-    const auto [start, end] = *handles_;
+    const double start = handles_->first;
+    const double end = handles_->second;
     const std::size_t index = snapshot_.selected;
     change([&](TrimEditorSnapshot& s) {
         s.clips[index].start = start <= 0 ? "" : editorTimeText(start);
