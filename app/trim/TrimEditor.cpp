@@ -500,7 +500,6 @@ void TrimEditor::confirmHandles() {
     if (!trimmingVisually_ || !handles_) {
         return;
     }
-    // Plain names, not a structured binding: clang 14 can't capture those in a lambda.
     const double start = handles_->first;
     const double end = handles_->second;
     const std::size_t index = snapshot_.selected;
