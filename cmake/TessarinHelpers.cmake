@@ -9,6 +9,14 @@ if(TESSARIN_WERROR)
   list(APPEND TESSARIN_WARNINGS -Werror)
 endif()
 
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  find_program(TESSARIN_LLD ld.lld)
+  if(TESSARIN_LLD)
+    # lld links the sanitizer trees' many test programs about four times faster than ld.bfd.
+    add_link_options(-fuse-ld=lld)
+  endif()
+endif()
+
 set(TESSARIN_FUZZ_TARGETS OFF)
 if(TESSARIN_FUZZ)
   set(TESSARIN_FUZZ_TARGETS ON)

@@ -20,7 +20,7 @@ packages=(
   # a decimal-comma locale, to show that numbers never follow the user's locale
   locales-all
   # fuzz targets: clang with its libFuzzer and sanitizer runtimes
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev lld
   # runtime: the media tools run as child processes
   ffmpeg gifsicle
   # runtime: the user's videos folder for recordings (xdg-user-dir)
