@@ -8,6 +8,7 @@
 #include <QHeaderView>
 #include <QInputDialog>
 #include <QLabel>
+#include <QMediaMetaData>
 #include <QMediaPlayer>
 #include <QMessageBox>
 #include <QPixmap>
@@ -29,7 +30,7 @@ using Action = app::TrimEditor::KeyframeAction;
 
 // The timeline counts milliseconds.
 constexpr int kTicksPerSecond = 1000;
-// Without a frame rate at hand a step is one frame at 25 fps.
+// Until the player reports the source's frame rate a step is one frame at 25 fps.
 constexpr double kFrameSeconds = 0.04;
 
 QString qs(const std::string& text) {
@@ -44,7 +45,7 @@ int ticks(double seconds) {
 
 TrimEditorDialog::TrimEditorDialog(std::unique_ptr<app::TrimEditor> editor, bool withPlayer,
                                    QWidget* parent)
-    : QDialog(parent), editor_(std::move(editor)) {
+    : QDialog(parent), editor_(std::move(editor)), frameSeconds_(kFrameSeconds) {
     setObjectName("trimEditorDialog");
     setWindowTitle(tr("Trim %1").arg(qs(editor_->request().source.filename().string())));
     build();
@@ -55,6 +56,13 @@ TrimEditorDialog::TrimEditorDialog(std::unique_ptr<app::TrimEditor> editor, bool
         player_->setVideoOutput(video_);
         connect(player_, &QMediaPlayer::mediaStatusChanged, this,
                 [this](QMediaPlayer::MediaStatus status) {
+                    if (status == QMediaPlayer::LoadedMedia) {
+                        const double rate =
+                            player_->metaData().value(QMediaMetaData::VideoFrameRate).toDouble();
+                        if (std::isfinite(rate) && rate >= 1 && rate <= 1000) {
+                            frameSeconds_ = 1.0 / rate;
+                        }
+                    }
                     if (status == QMediaPlayer::LoadedMedia && !editor_->previewReady()) {
                         editor_->setPreviewAvailable(true);
                     } else if (status == QMediaPlayer::InvalidMedia) {
@@ -372,7 +380,7 @@ void TrimEditorDialog::showPlayhead() {
 }
 
 void TrimEditorDialog::stepFrames(int frames) {
-    setPlayhead(playhead_ + frames * kFrameSeconds);
+    setPlayhead(playhead_ + frames * frameSeconds_);
 }
 
 // The waveform shows the 10-second window holding the playhead.

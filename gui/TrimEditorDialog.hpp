@@ -72,6 +72,8 @@ private:
     QPushButton* play_ = nullptr;
     QPushButton* apply_ = nullptr;
     double playhead_ = 0;
+    // One frame of the source: the player's frame rate once it knows it.
+    double frameSeconds_;
     bool reloading_ = false;
 };
 

@@ -129,6 +129,12 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
     click(dialog, "nextKeyframe");
     ASSERT_TRUE(waitUntil([&] { return !dialog->editor().keyframeSearching(); }));
     EXPECT_NEAR(dialog->playhead(), 2.0, 0.001) << dialog->editor().keyframeMessage();
+    // Where the player loaded the source, a frame step is one frame of it (10 fps here).
+    if (dialog->editor().previewReady()) {
+        click(dialog, "nextFrame");
+        EXPECT_NEAR(dialog->playhead(), 2.1, 0.001);
+        click(dialog, "previousFrame");
+    }
     click(dialog, "setStartHere");
     dialog->setPlayhead(3.5);
     click(dialog, "setEndHere");
