@@ -33,7 +33,7 @@ FileDescriptor openFolderMaking(const fs::path& path) {
     return fd;
 }
 
-// The path as the specification wants it in "Path=": bytes outside the unreserved set escaped.
+// The path as the Trash info file wants it in "Path=": bytes outside the unreserved set escaped.
 std::string percentEncoded(const std::string& path) {
     static constexpr char kHex[] = "0123456789ABCDEF";
     std::string out;
