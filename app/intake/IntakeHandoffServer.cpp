@@ -16,6 +16,7 @@
 #include <mutex>
 #include <set>
 
+#include "engine/intake/HandoffSocket.hpp"
 #include "engine/log/Log.hpp"
 
 namespace tessarin::app {
@@ -25,47 +26,6 @@ namespace {
 const engine::Logger& handoffLog() {
     static const engine::Logger log("com.tessarin.app", "handoff");
     return log;
-}
-
-bool readFully(int fd, void* buffer, std::size_t size) {
-    auto* bytes = static_cast<char*>(buffer);
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t count = ::recv(fd, bytes + done, size - done, 0);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
-bool sendFully(int fd, std::string_view data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-        const ssize_t count = ::send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
-void setTimeouts(int fd, std::chrono::milliseconds limit) {
-    // The smallest time limit a socket takes is 0.01 seconds.
-    const auto bounded = std::max(limit, std::chrono::milliseconds(10));
-    timeval value{};
-    value.tv_sec = static_cast<time_t>(bounded.count() / 1000);
-    value.tv_usec = static_cast<suseconds_t>((bounded.count() % 1000) * 1000);
-    (void)::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
-    (void)::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
 }
 
 void logStartFailure(const char* step, int error) {
@@ -304,7 +264,7 @@ void IntakeHandoffServer::acceptLoop() {
 }
 
 void IntakeHandoffServer::handleConnection(int socket) {
-    setTimeouts(socket, configuration_.socketTimeout);
+    engine::setSocketTimeouts(socket, configuration_.socketTimeout);
     const PeerAuthentication peer =
         peerAuthenticator ? peerAuthenticator(socket) : PeerAuthentication::refused;
     if (peer != PeerAuthentication::accepted) {
@@ -318,19 +278,12 @@ void IntakeHandoffServer::handleConnection(int socket) {
         }
         return;
     }
-    unsigned char header[4];
-    if (!readFully(socket, header, sizeof header)) {
+    const std::optional<std::string> body =
+        engine::receiveFrame(socket, engine::kHandoffRequestLimit);
+    if (!body) {
         return;
     }
-    const std::optional<uint32_t> length = engine::requestBodyLength(header);
-    if (!length) {
-        return;
-    }
-    std::string body(*length, '\0');
-    if (!readFully(socket, body.data(), body.size())) {
-        return;
-    }
-    const std::optional<engine::IntakeHandoffRequest> request = engine::decodeRequest(body);
+    const std::optional<engine::IntakeHandoffRequest> request = engine::decodeRequest(*body);
     if (!request) {
         return;
     }
@@ -362,7 +315,7 @@ void IntakeHandoffServer::handleConnection(int socket) {
     const std::optional<std::string> out =
         engine::frame(engine::encodeResponse(*response), engine::kHandoffResponseLimit);
     if (out) {
-        (void)sendFully(socket, *out);
+        (void)engine::sendFully(socket, *out);
     }
 }
 

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <string>
 
+#include "engine/intake/HandoffSocket.hpp"
+
 namespace tessarin::cli {
 
 namespace {
@@ -49,21 +51,6 @@ std::optional<int> connectTo(const std::filesystem::path& socketPath) {
     return fd;
 }
 
-bool readFully(int fd, char* buffer, std::size_t size) {
-    std::size_t done = 0;
-    while (done < size) {
-        const ssize_t count = ::recv(fd, buffer + done, size - done, 0);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        done += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
 }  // namespace
 
 HandOverResult handOver(const std::filesystem::path& socketPath,
@@ -77,39 +64,16 @@ HandOverResult handOver(const std::filesystem::path& socketPath,
     }
     const Socket socket(*fd);
     HandOverResult result{true, std::nullopt};
-    timeval value{};
-    value.tv_sec = static_cast<time_t>(limit.count() / 1000);
-    value.tv_usec = static_cast<suseconds_t>((limit.count() % 1000) * 1000);
-    (void)::setsockopt(socket.fd(), SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
-    (void)::setsockopt(socket.fd(), SOL_SOCKET, SO_SNDTIMEO, &value, sizeof value);
-    std::size_t sent = 0;
-    while (sent < out->size()) {
-        const ssize_t count =
-            ::send(socket.fd(), out->data() + sent, out->size() - sent, MSG_NOSIGNAL);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return result;
-        }
-        sent += static_cast<std::size_t>(count);
-    }
-    char header[4];
-    if (!readFully(socket.fd(), header, sizeof header)) {
+    engine::setSocketTimeouts(socket.fd(), limit);
+    if (!engine::sendFully(socket.fd(), *out)) {
         return result;
     }
-    const uint32_t length = (uint32_t{static_cast<unsigned char>(header[0])} << 24) |
-                            (uint32_t{static_cast<unsigned char>(header[1])} << 16) |
-                            (uint32_t{static_cast<unsigned char>(header[2])} << 8) |
-                            uint32_t{static_cast<unsigned char>(header[3])};
-    if (length == 0 || length > engine::kHandoffResponseLimit) {
+    const std::optional<std::string> body =
+        engine::receiveFrame(socket.fd(), engine::kHandoffResponseLimit);
+    if (!body) {
         return result;
     }
-    std::string body(length, '\0');
-    if (!readFully(socket.fd(), body.data(), body.size())) {
-        return result;
-    }
-    result.response = engine::decodeResponse(body);
+    result.response = engine::decodeResponse(*body);
     return result;
 }
 

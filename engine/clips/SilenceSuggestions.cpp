@@ -252,13 +252,7 @@ std::vector<ClipSelection> SilenceSuggestions::analyze(
     std::string partialLine;  // of the progress not yet reported
     ProcessRunner::RawOptions options;
     options.timeout = timeoutFor(length);
-    options.stdoutHandler = [&](std::string_view bytes) {
-        if (metadata.size() + bytes.size() > kOutputLimit) {
-            overflowed = true;
-            return;
-        }
-        metadata.append(bytes);
-    };
+    options.stdoutHandler = ProcessRunner::collectInto(metadata, overflowed, kOutputLimit);
     options.stderrHandler = [&](std::string_view bytes) {
         if (onProgress) {
             partialLine.append(bytes);

@@ -65,13 +65,7 @@ std::string WaveformPreview::render(const std::filesystem::path& source, const T
     bool overflowed = false;
     ProcessRunner::RawOptions options;
     options.timeout = kTimeoutSeconds;
-    options.stdoutHandler = [&](std::string_view bytes) {
-        if (picture.size() + bytes.size() > kOutputLimit) {
-            overflowed = true;
-            return;
-        }
-        picture.append(bytes);
-    };
+    options.stdoutHandler = ProcessRunner::collectInto(picture, overflowed, kOutputLimit);
     ProcessResult result;
     try {
         result = runner.runRaw(tools.ffmpeg, args, std::move(options));

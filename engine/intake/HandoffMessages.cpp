@@ -7,13 +7,17 @@
 
 namespace tessarin::engine {
 
-std::optional<uint32_t> requestBodyLength(const unsigned char (&header)[4]) {
+std::optional<uint32_t> frameBodyLength(const unsigned char (&header)[4], uint32_t limit) {
     const uint32_t length = (uint32_t{header[0]} << 24) | (uint32_t{header[1]} << 16) |
                             (uint32_t{header[2]} << 8) | uint32_t{header[3]};
-    if (length == 0 || length > kHandoffRequestLimit) {
+    if (length == 0 || length > limit) {
         return std::nullopt;
     }
     return length;
+}
+
+std::optional<uint32_t> requestBodyLength(const unsigned char (&header)[4]) {
+    return frameBodyLength(header, kHandoffRequestLimit);
 }
 
 std::optional<std::string> frame(std::string_view body, uint32_t limit) {

@@ -36,8 +36,10 @@ struct IntakeHandoffResponse {
     bool operator==(const IntakeHandoffResponse&) const = default;
 };
 
-// The body length a frame header announces, when it is one a request may have; nothing for 0
-// or more than kHandoffRequestLimit.
+// The body length a frame header announces, or nothing for 0 or more than `limit`.
+[[nodiscard]] std::optional<uint32_t> frameBodyLength(const unsigned char (&header)[4],
+                                                      uint32_t limit);
+// The same for a request (limit kHandoffRequestLimit).
 [[nodiscard]] std::optional<uint32_t> requestBodyLength(const unsigned char (&header)[4]);
 
 // The 4-byte header and the body, or nothing when the body is empty or longer than `limit`.

@@ -26,13 +26,7 @@ std::optional<std::string> Thumbnail::render(const std::filesystem::path& source
     bool overflowed = false;
     ProcessRunner::RawOptions options;
     options.timeout = kTimeoutSeconds;
-    options.stdoutHandler = [&](std::string_view bytes) {
-        if (picture.size() + bytes.size() > kOutputLimit) {
-            overflowed = true;
-            return;
-        }
-        picture.append(bytes);
-    };
+    options.stdoutHandler = ProcessRunner::collectInto(picture, overflowed, kOutputLimit);
     ProcessResult result;
     try {
         result = runner.runRaw(tools.ffmpeg, arguments(source, at, width), std::move(options));

@@ -353,6 +353,18 @@ ProcessResult ProcessRunner::runLines(const std::filesystem::path& executable,
     return runRaw(executable, arguments, std::move(options));
 }
 
+std::function<void(std::string_view)> ProcessRunner::collectInto(std::string& into,
+                                                                bool& overflowed,
+                                                                std::size_t limit) {
+    return [&into, &overflowed, limit](std::string_view bytes) {
+        if (overflowed || into.size() + bytes.size() > limit) {
+            overflowed = true;
+            return;
+        }
+        into.append(bytes);
+    };
+}
+
 ProcessResult ProcessRunner::runRaw(const std::filesystem::path& executable,
                                     const std::vector<std::string>& arguments, RawOptions options) {
     // A local owner, so nothing below depends on `this` beyond this line.

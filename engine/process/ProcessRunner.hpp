@@ -123,6 +123,12 @@ public:
         std::function<void()> stderrEnd;
     };
 
+    // A stdoutHandler that gathers standard output into `into` up to `limit` bytes; what would
+    // pass the limit is dropped, and so is everything after it, and `overflowed` is set.
+    [[nodiscard]] static std::function<void(std::string_view)> collectInto(std::string& into,
+                                                                           bool& overflowed,
+                                                                           std::size_t limit);
+
     // The primitive under run() and runLines(). Throws LaunchError only.
     ProcessResult runRaw(const std::filesystem::path& executable,
                          const std::vector<std::string>& arguments, RawOptions options);

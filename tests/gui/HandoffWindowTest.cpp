@@ -3,7 +3,6 @@
 // of the window forwards its file to the first and ends.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -21,8 +20,6 @@
 #include "tests/gui/GuiTestSupport.hpp"
 #include "tests/support/TempDir.hpp"
 #include "tests/support/TestMedia.hpp"
-
-extern char** environ;
 
 namespace tessarin::test {
 namespace {
@@ -65,25 +62,9 @@ TEST(HandoffWindow, TheHelperHandsTwoFilesToTheRunningWindowAndBothRowsStart) {
     }
 
     // The window, in the background.
-    std::vector<std::string> variables;
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        const std::string text(*variable);
-        if (!environment.contains(text.substr(0, text.find('=')))) {
-            variables.push_back(text);
-        }
-    }
-    for (const auto& [name, value] : environment) {
-        variables.push_back(name + "=" + value);
-    }
-    std::vector<char*> envp;
-    for (std::string& variable : variables) {
-        envp.push_back(variable.data());
-    }
-    envp.push_back(nullptr);
-    std::string program = std::string(TESSARIN_BIN_DIR) + "/tessarin-gui";
-    char* argv[] = {program.data(), nullptr};
-    pid_t window = 0;
-    ASSERT_EQ(posix_spawn(&window, program.c_str(), nullptr, nullptr, argv, envp.data()), 0);
+    const std::string program = std::string(TESSARIN_BIN_DIR) + "/tessarin-gui";
+    const pid_t window = startProgram({program}, environment);
+    ASSERT_GT(window, 0);
     const fs::path socket = runtime / "tessarin" / "s";
     const fs::path log = dir / "state" / "tessarin" / "tessarin.log";
     EXPECT_TRUE(eventually([&] { return fs::is_socket(socket); }, std::chrono::seconds(60)));
