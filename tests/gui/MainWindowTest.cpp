@@ -23,6 +23,7 @@
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
 #include "tests/gui/GuiTestSupport.hpp"
+#include "tests/gui/WindowTestFixture.hpp"
 #include "tests/support/TempDir.hpp"
 #include "tests/support/TestMedia.hpp"
 
@@ -34,30 +35,8 @@ using test::answerNextDialog;
 using test::waitUntil;
 using StateKind = app::QueueItem::StateKind;
 
-class MainWindowTest : public ::testing::Test {
+class MainWindowTest : public test::WindowTest {
 protected:
-    void SetUp() override {
-        core_ = test::makeApp(home_);
-        window_ = std::make_unique<MainWindow>(*core_);
-        window_->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window_.get()));
-    }
-
-    void TearDown() override {
-        core_->prepareForQuit();
-        EXPECT_TRUE(core_->queue().waitForBackgroundWork(std::chrono::seconds(30)));
-        QTest::qWait(20);
-        window_.reset();
-        core_.reset();
-    }
-
-    // A copy of `clip` in this test's folder, so that outputs land there.
-    QUrl stage(const fs::path& clip, const std::string& name) {
-        const fs::path copy = media_.path() / name;
-        fs::copy_file(clip, copy);
-        return QUrl::fromLocalFile(QString::fromStdString(copy.string()));
-    }
-
     QWidget* find(const char* name) const { return window_->findChild<QWidget*>(name); }
 
     QueueRowWidget* row(std::size_t index) const {
@@ -78,11 +57,6 @@ protected:
         ASSERT_TRUE(button->isEnabled()) << name;
         QTest::mouseClick(button, Qt::LeftButton);
     }
-
-    test::ConfigHome home_;
-    test::TempDir media_;
-    std::unique_ptr<app::TessarinApp> core_;
-    std::unique_ptr<MainWindow> window_;
 };
 
 TEST_F(MainWindowTest, DroppedClipsWaitForAnActionThenConvertWithTheChosenChip) {

@@ -15,6 +15,7 @@
 #include "gui/QueueRowWidget.hpp"
 #include "gui/TrimEditorDialog.hpp"
 #include "tests/gui/GuiTestSupport.hpp"
+#include "tests/gui/WindowTestFixture.hpp"
 #include "tests/support/TempDir.hpp"
 #include "tests/support/TestMedia.hpp"
 
@@ -24,40 +25,14 @@ namespace {
 namespace fs = std::filesystem;
 using test::waitUntil;
 
-class TrimEditorWindowTest : public ::testing::Test {
+class TrimEditorWindowTest : public test::WindowTest {
 protected:
-    void SetUp() override {
-        core_ = test::makeApp(home_);
-        window_ = std::make_unique<MainWindow>(*core_);
-        window_->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window_.get()));
-    }
-
-    void TearDown() override {
-        core_->prepareForQuit();
-        EXPECT_TRUE(core_->queue().waitForBackgroundWork(std::chrono::seconds(30)));
-        QTest::qWait(20);
-        window_.reset();
-        core_.reset();
-    }
-
-    QUrl stage(const fs::path& clip, const std::string& name) {
-        const fs::path copy = media_.path() / name;
-        fs::copy_file(clip, copy);
-        return QUrl::fromLocalFile(QString::fromStdString(copy.string()));
-    }
-
     static void click(QWidget* parent, const char* name) {
         auto* button = parent->findChild<QAbstractButton*>(name);
         ASSERT_NE(button, nullptr) << name;
         ASSERT_TRUE(button->isVisible() && button->isEnabled()) << name;
         QTest::mouseClick(button, Qt::LeftButton);
     }
-
-    test::ConfigHome home_;
-    test::TempDir media_;
-    std::unique_ptr<app::TessarinApp> core_;
-    std::unique_ptr<MainWindow> window_;
 };
 
 // Inside the list's viewport from left to right, and shown.
