@@ -69,6 +69,19 @@ function(tessarin_add_executable name)
   endif()
 endfunction()
 
+function(_tessarin_test_settings target)
+  _tessarin_common(${target})
+  # Every test is compiled -fPIC, as Qt demands of the programs that use it, so all can share
+  # one precompiled header.
+  target_compile_options(${target} PRIVATE -fPIC)
+  target_link_libraries(${target} PRIVATE GTest::gmock GTest::gtest GTest::gtest_main
+                        nlohmann_json::nlohmann_json)
+  target_compile_definitions(${target} PRIVATE
+    TESSARIN_HELPER_DIR="${TESSARIN_HELPER_DIR}"
+    TESSARIN_TEST_CACHE_DIR="${CMAKE_BINARY_DIR}/test-media"
+    TESSARIN_BIN_DIR="${CMAKE_BINARY_DIR}/bin")
+endfunction()
+
 # tessarin_add_test(NAME SOURCES ... DEPS ... LABELS ... [TIMEOUT seconds])
 # One executable per area; every gtest case becomes its own CTest test.
 function(tessarin_add_test name)
@@ -76,13 +89,17 @@ function(tessarin_add_test name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
+  if(NOT TARGET tessarin_test_prelude)
+    add_executable(tessarin_test_prelude EXCLUDE_FROM_ALL
+                   ${PROJECT_SOURCE_DIR}/tests/support/PreludeOwner.cpp)
+    _tessarin_test_settings(tessarin_test_prelude)
+    target_precompile_headers(tessarin_test_prelude PRIVATE
+                              ${PROJECT_SOURCE_DIR}/tests/support/TestPrelude.hpp)
+  endif()
   add_executable(${name} ${ARG_SOURCES})
-  _tessarin_common(${name})
-  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gmock GTest::gtest GTest::gtest_main)
-  target_compile_definitions(${name} PRIVATE
-    TESSARIN_HELPER_DIR="${TESSARIN_HELPER_DIR}"
-    TESSARIN_TEST_CACHE_DIR="${CMAKE_BINARY_DIR}/test-media"
-    TESSARIN_BIN_DIR="${CMAKE_BINARY_DIR}/bin")
+  _tessarin_test_settings(${name})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+  target_precompile_headers(${name} REUSE_FROM tessarin_test_prelude)
   gtest_discover_tests(${name}
     DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${ARG_TIMEOUT}
