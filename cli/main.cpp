@@ -10,7 +10,8 @@ namespace {
 constexpr const char* kExitStatusHelp =
     "Exit status: 0 all done, 1 a file failed (or the transcription service refused), 2 bad "
     "command line (or no OPENROUTER_API_KEY), 3 ffmpeg/ffprobe/gifsicle "
-    "not found, 4 cuts planned but not confirmed (nothing written), 130 cancelled.\n"
+    "not found, 4 cuts planned but not confirmed (nothing written), 5 transcription upload not "
+    "approved (nothing sent), 130 cancelled.\n"
     "The tools are taken from CONVERTER_TOOLS_DIR when it is set, otherwise from the helper "
     "folder beside this program (../libexec/tessarin).";
 

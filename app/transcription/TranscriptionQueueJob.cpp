@@ -1,0 +1,54 @@
+#include "app/transcription/TranscriptionQueueJob.hpp"
+
+#include "engine/model/JobFailure.hpp"
+
+namespace tessarin::app {
+
+namespace {
+constexpr const char* kStep = "transcribe";
+}
+
+TranscriptionQueueJob::TranscriptionQueueJob(const std::filesystem::path& source,
+                                             engine::TranscriptionRequest request,
+                                             engine::TranscriptionDestination destination,
+                                             std::unique_ptr<engine::TranscriptionPipeline> pipeline,
+                                             std::vector<std::shared_ptr<const void>> keepAlive)
+    : keepAlive_(std::move(keepAlive)),
+      request_(std::move(request)),
+      destination_(std::move(destination)),
+      pipeline_(std::move(pipeline)) {
+    try {
+        input_ = engine::TranscriptionInput::open(source);
+    } catch (const engine::TranscriptionError& error) {
+        bindingFailure_ = error;
+    }
+}
+
+std::filesystem::path TranscriptionQueueJob::run(const Callbacks& callbacks) {
+    if (bindingFailure_) {
+        throw engine::JobFailure::sentence(kStep, bindingFailure_->text());
+    }
+    if (callbacks.onPhase) {
+        callbacks.onPhase("");
+    }
+    const engine::TranscriptionOutcome outcome =
+        pipeline_->run(*input_, request_, destination_, *control_, [&](double fraction) {
+            if (callbacks.onProgress) {
+                callbacks.onProgress(fraction);
+            }
+        });
+    if (outcome.succeeded()) {
+        return *outcome.transcript;
+    }
+    const engine::TranscriptionError& error = *outcome.error;
+    if (outcome.partial && outcome.transcript && callbacks.onWarning) {
+        callbacks.onWarning("Text received before the failure was saved as " +
+                            outcome.transcript->filename().string() + ".");
+    }
+    if (error.code() == engine::TranscriptionError::Code::cancelled) {
+        throw engine::JobFailure::cancelled(kStep);
+    }
+    throw engine::JobFailure::sentence(kStep, error.text());
+}
+
+}  // namespace tessarin::app
