@@ -237,6 +237,37 @@ TEST(TranscriptionPipeline, CancellingDuringAnUploadEndsAtOnceAndKeepsWhatArrive
     EXPECT_TRUE(fs::is_empty(harness.folder / "scratch"));
 }
 
+TEST(TranscriptionPipeline, ACancelBeforeOrWhileAudioIsPreparedSendsNothing) {
+    Harness before(json::array({chatAnswer("never")}));
+    before.control.cancel();
+    EXPECT_EQ(before.run({.modelID = kChatModel}).error, TranscriptionError(Code::cancelled));
+    EXPECT_EQ(before.consentAsked, 0);
+
+    // Cancelled from the consent gate, that is after the approval and before the first extraction
+    // finishes: the extraction is stopped and nothing is uploaded.
+    Harness during(json::array({chatAnswer("never")}));
+    std::thread canceller;
+    during.pipeline = std::make_unique<TranscriptionPipeline>(
+        during.client(), *during.catalog, during.keys,
+        std::make_shared<EngineTranscriptionBackend>(test::helperTools()),
+        [&](TranscriptionRoute) {
+            canceller = std::thread([&during] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                during.control.cancel();
+            });
+            return TranscriptionConsent::grant();
+        },
+        during.folder / "scratch");
+    const TranscriptionOutcome outcome = during.run({.modelID = kChatModel});
+    ASSERT_TRUE(canceller.joinable());
+    canceller.join();
+    EXPECT_EQ(outcome.error, TranscriptionError(Code::cancelled));
+    EXPECT_FALSE(outcome.transcript);
+    EXPECT_TRUE(during.server.requests().empty());
+    EXPECT_TRUE(fs::is_empty(during.folder / "scratch"));
+    EXPECT_EQ(during.mediaFolder(), std::vector<fs::path>{"talk.mp4"});
+}
+
 TEST(TranscriptionPipeline, AFileChangedAfterQueueingIsRefusedBeforeAnyUpload) {
     Harness harness(json::array({chatAnswer("never")}));
     auto input = TranscriptionInput::open(harness.source);
