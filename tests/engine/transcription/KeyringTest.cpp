@@ -189,6 +189,29 @@ TEST(KeychainOpenRouterKeyStore, SavesReadsReplacesAndDeletesTheKeyInAnUnlockedK
               0);
 }
 
+TEST(KeychainOpenRouterKeyStore, ALockedKeyringReadsUnreadableAndAnEmptyFieldLeavesItAlone) {
+    const PrivateSession session(/*withKeyring=*/true);
+    ASSERT_TRUE(session.ready()) << "no keyring daemon on the private bus";
+    const Environment environment = session.environment();
+    EXPECT_EQ(inChild(environment, [&environment] {
+                  int status = 0;
+                  KeychainOpenRouterKeyStore store;
+                  store.save("sk-or-locked");
+                  CHILD_EXPECT(store.read().presence == Presence::present);
+                  const pid_t lock = spawn(
+                      {"dbus-send", "--session", "--print-reply", "--dest=org.freedesktop.secrets",
+                       "/org/freedesktop/secrets", "org.freedesktop.Secret.Service.Lock",
+                       "array:objpath:/org/freedesktop/secrets/collection/login"},
+                      environment);
+                  CHILD_EXPECT(lock > 0 && waitExit(lock) == 0);
+                  const OpenRouterKeyRead locked = store.read();
+                  CHILD_EXPECT(locked.presence == Presence::unreadable && locked.key.empty());
+                  CHILD_EXPECT(saveKeyField(store, "") == Presence::unreadable);
+                  return status;
+              }),
+              0);
+}
+
 TEST(KeychainOpenRouterKeyStore, WithoutASecretServiceTheKeyIsUnreadableAndNeverOverwritten) {
     const PrivateSession session(/*withKeyring=*/false);
     ASSERT_TRUE(session.ready());
