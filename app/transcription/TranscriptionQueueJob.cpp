@@ -8,6 +8,21 @@ namespace {
 constexpr const char* kStep = "transcribe";
 }
 
+std::optional<std::string> costNote(const engine::TranscriptionAccounting& accounting) {
+    std::string note;
+    for (const std::string& line : accounting.summaryLines()) {
+        if (line.rfind("USD.", 0) == 0) {
+            break;  // the amounts come first; the rest is for the full report
+        }
+        note += note.empty() ? "" : "; ";
+        note += line;
+    }
+    if (note.empty()) {
+        return std::nullopt;
+    }
+    return "Cost (USD): " + note;
+}
+
 TranscriptionQueueJob::TranscriptionQueueJob(const std::filesystem::path& source,
                                              engine::TranscriptionRequest request,
                                              engine::TranscriptionDestination destination,
@@ -37,6 +52,9 @@ std::filesystem::path TranscriptionQueueJob::run(const Callbacks& callbacks) {
                 callbacks.onProgress(fraction);
             }
         });
+    if (const auto note = costNote(pipeline_->accounting()); note && callbacks.onWarning) {
+        callbacks.onWarning(*note);
+    }
     if (outcome.succeeded()) {
         return *outcome.transcript;
     }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "app/queue/QueueJob.hpp"
@@ -26,7 +27,7 @@ public:
                           std::unique_ptr<engine::TranscriptionPipeline> pipeline,
                           std::vector<std::shared_ptr<const void>> keepAlive = {});
 
-    // Returns the transcript. Throws engine::JobFailure with the step "transcribe" and the
+    // Returns the transcript; what the run cost goes to the row's note. Throws engine::JobFailure with the step "transcribe" and the
     // failure's sentence (`wasCancelled` for a cancel).
     [[nodiscard]] std::filesystem::path run(const Callbacks& callbacks) override;
     void cancel() override { control_->cancel(); }
@@ -46,5 +47,9 @@ private:
     std::shared_ptr<engine::TranscriptionControl> control_ =
         std::make_shared<engine::TranscriptionControl>();
 };
+
+// The row's note about what a run cost: the estimated and reported amounts, or nothing when the
+// run knew neither.
+[[nodiscard]] std::optional<std::string> costNote(const engine::TranscriptionAccounting& accounting);
 
 }  // namespace tessarin::app

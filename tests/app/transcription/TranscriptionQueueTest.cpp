@@ -55,7 +55,8 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
 
     test::LoopbackHttpsServer server(json::array(
         {{{"status", 200},
-          {"body", json{{"choices", json::array({{{"message", {{"content", "Queued words."}}}}})}}
+          {"body", json{{"choices", json::array({{{"message", {{"content", "Queued words."}}}}})},
+                        {"usage", {{"cost", 0.0021}}}}
                        .dump()}}}));
     auto keys = std::make_shared<engine::InMemoryOpenRouterKeyStore>("sk-or-app");
     const test::TempDir scratch;
@@ -104,6 +105,7 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
         << (row->state.failure ? row->state.failure->stderrTail : "");
     EXPECT_EQ(row->state.output, media / "talk.transcript.txt");
     EXPECT_EQ(fileText(media / "talk.transcript.txt"), "Queued words.");
+    EXPECT_EQ(row->warningNote, "Cost (USD): Reported 0.0021");
     ASSERT_EQ(uploads(server).size(), 1u);
     EXPECT_EQ(uploads(server)[0]["headers"]["authorization"], "Bearer sk-or-app");
 
