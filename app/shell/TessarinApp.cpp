@@ -193,6 +193,9 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
         };
         connect(transcription_.get(), &TranscriptionSettingsModel::changed, this,
                 &TessarinApp::actionCatalogChanged);
+        // A row is bound to its file as it is queued: what is transcribed is what was dropped.
+        connect(queue_.get(), &QueueModel::itemsChanged, this,
+                [this] { transcription_->bindQueued(queue_->items()); });
     }
 
     urlIntake_ = std::make_unique<URLIntake>(*queue_, engine::IntakeTokenStore::process(),

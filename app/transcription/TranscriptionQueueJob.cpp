@@ -23,19 +23,37 @@ std::optional<std::string> costNote(const engine::TranscriptionAccounting& accou
     return "Cost (USD): " + note;
 }
 
+TranscriptionQueueJob::Binding TranscriptionQueueJob::Binding::of(
+    const std::filesystem::path& source) {
+    Binding binding;
+    try {
+        binding.input = engine::TranscriptionInput::open(source);
+    } catch (const engine::TranscriptionError& error) {
+        binding.failure = error;
+    }
+    return binding;
+}
+
 TranscriptionQueueJob::TranscriptionQueueJob(const std::filesystem::path& source,
                                              engine::TranscriptionRequest request,
                                              engine::TranscriptionDestination destination,
                                              std::unique_ptr<engine::TranscriptionPipeline> pipeline,
                                              std::vector<std::shared_ptr<const void>> keepAlive)
+    : TranscriptionQueueJob(Binding::of(source), std::move(request), std::move(destination),
+                            std::move(pipeline), std::move(keepAlive)) {}
+
+TranscriptionQueueJob::TranscriptionQueueJob(Binding binding, engine::TranscriptionRequest request,
+                                             engine::TranscriptionDestination destination,
+                                             std::unique_ptr<engine::TranscriptionPipeline> pipeline,
+                                             std::vector<std::shared_ptr<const void>> keepAlive)
     : keepAlive_(std::move(keepAlive)),
+      input_(std::move(binding.input)),
+      bindingFailure_(std::move(binding.failure)),
       request_(std::move(request)),
       destination_(std::move(destination)),
       pipeline_(std::move(pipeline)) {
-    try {
-        input_ = engine::TranscriptionInput::open(source);
-    } catch (const engine::TranscriptionError& error) {
-        bindingFailure_ = error;
+    if (!input_ && !bindingFailure_) {
+        bindingFailure_ = engine::TranscriptionError(engine::TranscriptionError::Code::sourceUnreadable);
     }
 }
 

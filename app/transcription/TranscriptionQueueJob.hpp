@@ -27,6 +27,20 @@ public:
                           std::unique_ptr<engine::TranscriptionPipeline> pipeline,
                           std::vector<std::shared_ptr<const void>> keepAlive = {});
 
+    // The source as it was bound earlier (when the row was queued): its input, or the failure
+    // of binding it.
+    struct Binding {
+        std::shared_ptr<engine::TranscriptionInput> input;
+        std::optional<engine::TranscriptionError> failure;
+
+        // Opens `source` now.
+        [[nodiscard]] static Binding of(const std::filesystem::path& source);
+    };
+    TranscriptionQueueJob(Binding binding, engine::TranscriptionRequest request,
+                          engine::TranscriptionDestination destination,
+                          std::unique_ptr<engine::TranscriptionPipeline> pipeline,
+                          std::vector<std::shared_ptr<const void>> keepAlive = {});
+
     // Returns the transcript; what the run cost goes to the row's note. Throws engine::JobFailure with the step "transcribe" and the
     // failure's sentence (`wasCancelled` for a cancel).
     [[nodiscard]] std::filesystem::path run(const Callbacks& callbacks) override;

@@ -357,9 +357,36 @@ std::shared_ptr<QueueJob> TranscriptionSettingsModel::makeJob(const QueueItem& i
             return engine::TranscriptionConsentStore(*settings).answer(route);
         },
         scratchRoot_);
+    TranscriptionQueueJob::Binding binding;
+    if (const auto bound = bindings_.find(item.id); bound != bindings_.end()) {
+        binding = std::move(bound->second);
+        bindings_.erase(bound);
+    } else {
+        binding = TranscriptionQueueJob::Binding::of(item.source);
+    }
     return std::make_shared<TranscriptionQueueJob>(
-        item.source, std::move(request), std::move(destination), std::move(pipeline),
+        std::move(binding), std::move(request), std::move(destination), std::move(pipeline),
         std::vector<std::shared_ptr<const void>>{catalogSource_, settings_});
+}
+
+void TranscriptionSettingsModel::bindQueued(const std::vector<QueueItem>& items) {
+    std::map<engine::Uuid, TranscriptionQueueJob::Binding> kept;
+    for (const QueueItem& item : items) {
+        const bool transcribing =
+            item.kind && std::holds_alternative<JobKind::Transcribe>(item.kind->value);
+        const bool waiting = item.state.kind == QueueItem::StateKind::waiting;
+        // A row turns running before its job is made: its binding waits for makeJob.
+        const bool starting = item.state.kind == QueueItem::StateKind::running;
+        auto bound = bindings_.find(item.id);
+        if (transcribing && starting && bound != bindings_.end()) {
+            kept.emplace(item.id, std::move(bound->second));
+        } else if (transcribing && waiting) {
+            kept.emplace(item.id, bound != bindings_.end()
+                                      ? std::move(bound->second)
+                                      : TranscriptionQueueJob::Binding::of(item.source));
+        }
+    }
+    bindings_ = std::move(kept);  // the others' descriptors close here
 }
 
 }  // namespace tessarin::app

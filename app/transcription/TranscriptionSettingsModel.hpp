@@ -12,6 +12,7 @@
 #include <QString>
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "app/queue/QueueModel.hpp"
+#include "app/transcription/TranscriptionQueueJob.hpp"
 #include "engine/process/Tools.hpp"
 #include "engine/settings/SettingsStore.hpp"
 #include "engine/transcription/OpenRouterCatalog.hpp"
@@ -107,9 +109,15 @@ public:
 
     // --- for the queue ---
     [[nodiscard]] TranscriptionPrerequisites prerequisites() const;
-    // The job of a transcribe row, with the settings of this moment.
+    // The job of a transcribe row, with the settings of this moment, over the source as it was
+    // bound when the row was queued (bound now when it wasn't).
     [[nodiscard]] std::shared_ptr<QueueJob> makeJob(const QueueItem& item,
                                                     const engine::Tools& tools);
+    // Binds the source of every waiting transcribe row not yet bound, and lets go of the
+    // bindings of rows no longer queued (removed, cleared, finished); a row that has just turned
+    // running keeps its binding until makeJob takes it. Call it when the rows change.
+    void bindQueued(const std::vector<QueueItem>& items);
+    [[nodiscard]] std::size_t boundCount() const { return bindings_.size(); }
 
 signals:
     void changed();
@@ -136,6 +144,8 @@ private:
     int metadataOperations_ = 0;
     std::uint64_t keyVerificationGeneration_ = 0;
     std::uint64_t parametersLookupGeneration_ = 0;
+
+    std::map<engine::Uuid, TranscriptionQueueJob::Binding> bindings_;  // main thread only
 
     struct Lookup {
         std::shared_ptr<engine::TranscriptionControl> control;

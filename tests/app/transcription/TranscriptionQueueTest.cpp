@@ -11,6 +11,7 @@
 #include "app/queue/QueueModel.hpp"
 #include "app/transcription/TranscriptionSettingsModel.hpp"
 #include "engine/transcription/CurlOpenRouterTransport.hpp"
+#include "engine/transcription/TranscriptionInput.hpp"
 #include "tests/app/queue/QueueTestSupport.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
 #include "tests/support/LoopbackHttpsServer.hpp"
@@ -79,6 +80,7 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     queue.postNotification = [](const std::string&, const std::string&) {};
     queue.transcriptionPrerequisites = [&] { return model.prerequisites(); };
     queue.transcriptionJobFactory = [&](const QueueItem& item) { return model.makeJob(item, *tools); };
+    QObject::connect(&queue, &QueueModel::itemsChanged, [&] { model.bindQueued(queue.items()); });
     std::vector<bool> asked;
     QObject::connect(&queue, &QueueModel::uploadConsentRequired,
                      [&](bool video) { asked.push_back(video); });
@@ -106,6 +108,9 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     EXPECT_EQ(row->state.output, media / "talk.transcript.txt");
     EXPECT_EQ(fileText(media / "talk.transcript.txt"), "Queued words.");
     EXPECT_EQ(row->warningNote, "Cost (USD): Reported 0.0021");
+    // The row's binding to its file was handed to its job and let go with it.
+    EXPECT_EQ(model.boundCount(), 0u);
+    EXPECT_EQ(engine::TranscriptionInput::openCount(), 0);
     ASSERT_EQ(uploads(server).size(), 1u);
     EXPECT_EQ(uploads(server)[0]["headers"]["authorization"], "Bearer sk-or-app");
 
@@ -113,6 +118,62 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     model.withdrawConsent(TranscriptionConsentKind::audioUpload);
     EXPECT_FALSE(model.prerequisites().hasConsent);
     EXPECT_TRUE(fs::exists(media / "talk.transcript.txt"));
+}
+
+TEST(TranscriptionQueue, ARowIsBoundToItsFileWhenQueuedSoAChangedFileIsRefused) {
+    test::ensureCoreApplication();
+    const test::ConfigHome home;
+    const std::shared_ptr<engine::SettingsStore> settings = test::openStore(home.standardFile());
+    engine::CatalogSnapshot snapshot;
+    snapshot.fetchedAt = engine::secondsSince1970();
+    snapshot.entries = {engine::CatalogEntry{kChatModel, std::nullopt, {"audio"}, {"text"}, {}, {}, {}}};
+    settings->setData(engine::OpenRouterCatalog::kSettingsKey, snapshot.toJSONText());
+    json slow{{"status", 200},
+              {"answerDelay", 1.5},
+              {"body", json{{"choices", json::array({{{"message", {{"content", "First."}}}}})}}.dump()}};
+    test::LoopbackHttpsServer server(json::array({slow}));
+    const test::TempDir scratch;
+    TranscriptionSettingsModel model(
+        settings, std::make_shared<engine::InMemoryOpenRouterKeyStore>("sk-or-app"),
+        engine::OpenRouterClient(std::make_shared<engine::CurlOpenRouterTransport>(
+            engine::OpenRouterConfig::Endpoint{server.baseURL(),
+                                               test::testCertificate().certificate.string()})),
+        scratch.path());
+    model.setActiveModel(kChatModel);
+    model.refreshKeyPresence();
+    model.grantConsent(TranscriptionConsentKind::audioUpload);
+    const auto tools = engine::Tools::inBundle(test::helperDirectory());
+    ASSERT_TRUE(tools);
+    QueueModel queue(*tools);
+    queue.isApplicationActive = [] { return false; };
+    queue.postNotification = [](const std::string&, const std::string&) {};
+    queue.transcriptionPrerequisites = [&] { return model.prerequisites(); };
+    queue.transcriptionJobFactory = [&](const QueueItem& item) { return model.makeJob(item, *tools); };
+    QObject::connect(&queue, &QueueModel::itemsChanged, [&] { model.bindQueued(queue.items()); });
+
+    const test::TempDir media;
+    const fs::path first = test::copyClip(test::testClip(test::TestClip::h264Aac), media / "one.mp4");
+    const fs::path second = test::copyClip(test::testClip(test::TestClip::h264Aac), media / "two.mp4");
+    ASSERT_TRUE(queue.intake(test::urlsOf({first, second}), test::withAction(ActionID::transcribe())));
+    ASSERT_TRUE(test::waitFor([&] { return !server.requests().empty(); }));
+    EXPECT_EQ(model.boundCount(), 1u);  // the second row, still waiting
+    // Changed while it waits: the row's held file no longer has the stamp it had when queued.
+    std::ofstream(second, std::ios::app) << "appended";
+    ASSERT_TRUE(test::waitFor([&] { return test::countIn(queue, Kind::done) +
+                                           test::countIn(queue, Kind::failed) == 2; }));
+    const auto rowOf = [&](const fs::path& source) {
+        return *std::find_if(queue.items().begin(), queue.items().end(),
+                             [&](const QueueItem& item) { return item.source == source; });
+    };
+    EXPECT_EQ(rowOf(first).state.kind, Kind::done);
+    const QueueItem refused = rowOf(second);
+    ASSERT_EQ(refused.state.kind, Kind::failed);
+    ASSERT_TRUE(refused.state.failure);
+    EXPECT_EQ(refused.state.failure->stderrTail,
+              "This file changed after transcription was queued. Add it again to transcribe the "
+              "current file.");
+    EXPECT_EQ(uploads(server).size(), 1u);
+    EXPECT_EQ(engine::TranscriptionInput::openCount(), 0);
 }
 
 TEST(TranscriptionSettingsModel, KeyOptionsAndLanguageFollowTheRules) {
