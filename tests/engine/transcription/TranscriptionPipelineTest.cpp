@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "engine/settings/SettingsStore.hpp"
+#include "engine/transcription/Base64Parts.hpp"
 #include "engine/transcription/CurlOpenRouterTransport.hpp"
 #include "engine/transcription/OpenRouterCatalog.hpp"
 #include "engine/transcription/OpenRouterKeyStore.hpp"
@@ -31,6 +32,7 @@ using ::testing::StartsWith;
 
 constexpr const char* kChatModel = "google/gemini-3.6-flash";
 constexpr const char* kSpeechModel = "microsoft/mai-transcribe-2";
+constexpr const char* kVideoModel = "example/video-only";
 
 json chatAnswer(const std::string& text) {
     return {{"status", 200},
@@ -62,7 +64,8 @@ struct Harness {
         snapshot.entries = {
             CatalogEntry{kChatModel, std::nullopt, {"text", "audio", "video"}, {"text"}, {}, {}, {}},
             CatalogEntry{kSpeechModel, std::nullopt, {"audio"}, {"transcription"},
-                         {{"audio_per_minute", "0.006"}}, {}, {}}};
+                         {{"audio_per_minute", "0.006"}}, {}, {}},
+            CatalogEntry{kVideoModel, std::nullopt, {"text", "video"}, {"text"}, {}, {}, {}}};
         defaults.setData(OpenRouterCatalog::kSettingsKey, snapshot.toJSONText());
         catalog = std::make_unique<OpenRouterCatalog>(client(), defaults);
         fs::create_directory(folder / "media");
@@ -266,6 +269,48 @@ TEST(TranscriptionPipeline, ACancelBeforeOrWhileAudioIsPreparedSendsNothing) {
     EXPECT_TRUE(during.server.requests().empty());
     EXPECT_TRUE(fs::is_empty(during.folder / "scratch"));
     EXPECT_EQ(during.mediaFolder(), std::vector<fs::path>{"talk.mp4"});
+}
+
+TEST(TranscriptionPipeline, AVideoModelGetsTheWholeFileOnlyWithItsOwnApproval) {
+    Harness harness(json::array({chatAnswer("Seen and heard.")}));
+    TranscriptionConsentStore consent(harness.defaults);
+    consent.grant(TranscriptionConsentKind::audioUpload, 1);
+    harness.pipeline = std::make_unique<TranscriptionPipeline>(
+        harness.client(), *harness.catalog, harness.keys,
+        std::make_shared<EngineTranscriptionBackend>(test::helperTools()),
+        [&consent](TranscriptionRoute route) { return consent.answer(route); },
+        harness.folder / "scratch");
+    const TranscriptionOutcome refused = harness.run({.modelID = kVideoModel});
+    ASSERT_TRUE(refused.error);
+    EXPECT_EQ(*refused.error,
+              TranscriptionError(Code::consentDenied, TranscriptionConsentKind::videoUpload));
+    EXPECT_THAT(refused.error->text(), StartsWith("That model is sent the whole video"));
+    EXPECT_TRUE(harness.server.requests().empty());
+
+    consent.grant(TranscriptionConsentKind::videoUpload, 2);
+    TranscriptionRequest trimmed{.modelID = kVideoModel};
+    trimmed.trim.start = "2";
+    EXPECT_EQ(harness.run(trimmed).error, TranscriptionError(Code::trimUnsupportedForVideoModel));
+    EXPECT_TRUE(harness.server.requests().empty());
+
+    const TranscriptionOutcome outcome = harness.run({.modelID = kVideoModel});
+    ASSERT_TRUE(outcome.succeeded()) << outcome.error->text();
+    EXPECT_EQ(readText(*outcome.transcript), "Seen and heard.");
+    const std::vector<json> requests = harness.server.requests();
+    ASSERT_EQ(requests.size(), 1u);
+    const std::string body = readText(requests[0]["bodyFile"].get<std::string>());
+    EXPECT_THAT(body, HasSubstr("data:video/mp4;base64," + base64Encoded(readText(harness.source))));
+    EXPECT_TRUE(fs::is_empty(harness.folder / "scratch"));
+}
+
+TEST(TranscriptionPipeline, AnswersOfOnlyWhiteSpaceAreNoSpeechAndWriteNothing) {
+    Harness harness(json::array({chatAnswer(" \n\t ")}));
+    harness.pipeline->chunkSecondsOverride.reset();
+    const TranscriptionOutcome outcome = harness.run({.modelID = kChatModel});
+    EXPECT_EQ(outcome.error, TranscriptionError(Code::noSpeech));
+    EXPECT_FALSE(outcome.transcript);
+    EXPECT_EQ(harness.server.requests().size(), 1u);
+    EXPECT_EQ(harness.mediaFolder(), std::vector<fs::path>{"talk.mp4"});
 }
 
 TEST(TranscriptionPipeline, AFileChangedAfterQueueingIsRefusedBeforeAnyUpload) {
