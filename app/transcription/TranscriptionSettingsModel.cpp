@@ -1,6 +1,7 @@
 #include "app/transcription/TranscriptionSettingsModel.hpp"
 
 #include <QMetaObject>
+#include <algorithm>
 #include <QPointer>
 
 #include "app/transcription/TranscriptDestination.hpp"
@@ -129,6 +130,40 @@ QString TranscriptionSettingsModel::optionsNote() const {
     }
     return text(engine::TranscriptionPreferences::kPlainTextOnlyText) + QStringLiteral(" ") +
            text(engine::TranscriptionPreferences::kOptionsKeptText);
+}
+
+TranscriptionDiagnostics TranscriptionSettingsModel::diagnostics() const {
+    TranscriptionDiagnostics report;
+    report.keyPresent = keyPresence_ == Presence::present;
+    report.keyUnreadable = keyPresence_ == Presence::unreadable;
+    const engine::TranscriptionConsentStore consent(*settings_);
+    report.audioConsentVersion = consent.storedVersion(TranscriptionConsentKind::audioUpload);
+    report.audioConsentGrantedAt = consent.grantedAt(TranscriptionConsentKind::audioUpload);
+    report.videoConsentVersion = consent.storedVersion(TranscriptionConsentKind::videoUpload);
+    report.videoConsentGrantedAt = consent.grantedAt(TranscriptionConsentKind::videoUpload);
+    const engine::ActiveModelResolution active = activeResolution();
+    if (active.kind != engine::ActiveModelResolution::Kind::none) {
+        report.activeModelID = active.id;
+    }
+    if (active.kind == engine::ActiveModelResolution::Kind::fellBack && !active.from.empty()) {
+        report.fellBackFrom = active.from;
+    }
+    if (const auto route = activeRoute()) {
+        report.activeRoute = std::string(engine::rawValue(*route));
+    }
+    const std::vector<engine::TranscriptionRosterEntry> entries = roster();
+    report.rosterCount = entries.size();
+    report.enabledCount = static_cast<std::size_t>(std::count_if(
+        entries.begin(), entries.end(), [](const auto& entry) { return entry.enabled; }));
+    report.destinationMode = std::string(rawValue(transcriptOutputModeFromRaw(
+        settings_->stringValue(TranscriptDestination::kModeKey).value_or(""))));
+    const engine::TranscriptionPreferences chosen = preferences();
+    report.promptModeName = std::string(engine::rawValue(chosen.promptMode));
+    report.languageCode = chosen.language;
+    if (const auto snapshot = catalog()) {
+        report.catalogFetchedAt = snapshot->fetchedAt;
+    }
+    return report;
 }
 
 void TranscriptionSettingsModel::refreshKeyPresence() {

@@ -33,6 +33,25 @@
 
 namespace tessarin::app {
 
+// What the support report says about transcription. Never the key: only whether there is one.
+struct TranscriptionDiagnostics {
+    bool keyPresent = false;
+    bool keyUnreadable = false;
+    std::optional<int64_t> audioConsentVersion;
+    std::optional<double> audioConsentGrantedAt;
+    std::optional<int64_t> videoConsentVersion;
+    std::optional<double> videoConsentGrantedAt;
+    std::optional<std::string> activeModelID;
+    std::optional<std::string> activeRoute;
+    std::optional<std::string> fellBackFrom;
+    std::size_t rosterCount = 0;
+    std::size_t enabledCount = 0;
+    std::string destinationMode;
+    std::string promptModeName;
+    std::optional<std::string> languageCode;
+    std::optional<double> catalogFetchedAt;
+};
+
 class TranscriptionSettingsModel : public QObject {
     Q_OBJECT
 
@@ -79,6 +98,8 @@ public:
     [[nodiscard]] QString optionsNote() const;
     // The route of the active model, when the model list knows it.
     [[nodiscard]] std::optional<engine::TranscriptionRoute> activeRoute() const;
+
+    [[nodiscard]] TranscriptionDiagnostics diagnostics() const;
 
     // --- the key ---
     void refreshKeyPresence();

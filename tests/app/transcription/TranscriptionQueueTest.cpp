@@ -114,6 +114,16 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     ASSERT_EQ(uploads(server).size(), 1u);
     EXPECT_EQ(uploads(server)[0]["headers"]["authorization"], "Bearer sk-or-app");
 
+    const TranscriptionDiagnostics report = model.diagnostics();
+    EXPECT_TRUE(report.keyPresent);
+    EXPECT_EQ(report.audioConsentVersion, engine::TranscriptionConsentStore::kNoticeVersion);
+    EXPECT_EQ(report.videoConsentVersion, std::nullopt);
+    EXPECT_EQ(report.activeModelID, kChatModel);
+    EXPECT_EQ(report.activeRoute, "audioChat");
+    EXPECT_EQ(report.rosterCount, 14u);
+    EXPECT_EQ(report.destinationMode, "sameFolder");
+    EXPECT_EQ(report.promptModeName, "builtIn");
+
     // Withdrawing stops later rows before anything is sent; the saved transcript stays.
     model.withdrawConsent(TranscriptionConsentKind::audioUpload);
     EXPECT_FALSE(model.prerequisites().hasConsent);
