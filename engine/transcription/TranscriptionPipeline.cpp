@@ -4,11 +4,10 @@
 
 #include <fmt/format.h>
 
-#include <cmath>
+#include <algorithm>
 #include <system_error>
 
 #include "engine/log/Log.hpp"
-#include "engine/model/TimeText.hpp"
 #include "engine/transcription/AudioChunk.hpp"
 #include "engine/transcription/OpenRouterCatalog.hpp"
 #include "engine/transcription/OpenRouterKeyStore.hpp"
@@ -31,7 +30,6 @@ const Logger& pipelineLog() {
     static const Logger log("com.tessarin.transcription", "pipeline");
     return log;
 }
-
 
 std::string trimmed(std::string_view text) {
     constexpr std::string_view kBlank = " \t\r\n\f\v";
