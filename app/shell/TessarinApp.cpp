@@ -194,8 +194,11 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
         connect(transcription_.get(), &TranscriptionSettingsModel::changed, this,
                 &TessarinApp::actionCatalogChanged);
         // A row is bound to its file as it is queued: what is transcribed is what was dropped.
-        connect(queue_.get(), &QueueModel::itemsChanged, this,
-                [this] { transcription_->bindQueued(queue_->items()); });
+        connect(queue_.get(), &QueueModel::itemsChanged, this, [this] {
+            if (queue_ && transcription_) {  // not while either is being torn down
+                transcription_->bindQueued(queue_->items());
+            }
+        });
     }
 
     urlIntake_ = std::make_unique<URLIntake>(*queue_, engine::IntakeTokenStore::process(),
