@@ -57,14 +57,21 @@ MediaInfo EngineTranscriptionBackend::probe(const std::filesystem::path& file,
 std::filesystem::path EngineTranscriptionBackend::extract(const std::filesystem::path& source,
                                                           const AudioExtractionOptions& options,
                                                           const std::filesystem::path& folder,
-                                                          TranscriptionControl& control) {
+                                                          TranscriptionControl& control,
+                                                          const std::function<void(double)>& onProgress) {
     auto job = std::make_shared<ConversionJob>(source, MediaTask::extractAudio(options), tools_,
                                                MediaInputPolicy::transcription,
                                                EncoderCapabilityPolicy{}, folder);
     const Attached attached(control, [job] { job->cancel(kCancelGrace); });
     MediaInfo facts;
     try {
-        return job->run({.onInfo = [&](const MediaInfo& info) { facts = info; }});
+        return job->run({.onInfo = [&](const MediaInfo& info) { facts = info; },
+                         .onProgress =
+                             [&](std::optional<double> fraction) {
+                                 if (fraction && onProgress) {
+                                     onProgress(*fraction);
+                                 }
+                             }});
     } catch (const JobFailure& failure) {
         if (failure.wasCancelled || control.isCancelled()) {
             throw TranscriptionError(Code::cancelled);

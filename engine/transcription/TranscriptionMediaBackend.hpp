@@ -4,6 +4,7 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 
 #include "engine/model/AudioExtractionOptions.hpp"
 #include "engine/probe/MediaInfo.hpp"
@@ -23,10 +24,11 @@ public:
     [[nodiscard]] virtual MediaInfo probe(const std::filesystem::path& file,
                                           TranscriptionControl& control) = 0;
     // Writes the audio of `source` under `options` into `folder` and returns the file's path.
-    [[nodiscard]] virtual std::filesystem::path extract(const std::filesystem::path& source,
-                                                        const AudioExtractionOptions& options,
-                                                        const std::filesystem::path& folder,
-                                                        TranscriptionControl& control) = 0;
+    // `onProgress` (may be empty) gets the extraction's fractions from 0 to 1 as they come.
+    [[nodiscard]] virtual std::filesystem::path extract(
+        const std::filesystem::path& source, const AudioExtractionOptions& options,
+        const std::filesystem::path& folder, TranscriptionControl& control,
+        const std::function<void(double)>& onProgress) = 0;
 };
 
 class EngineTranscriptionBackend final : public TranscriptionMediaBackend {
@@ -40,7 +42,8 @@ public:
     std::filesystem::path extract(const std::filesystem::path& source,
                                   const AudioExtractionOptions& options,
                                   const std::filesystem::path& folder,
-                                  TranscriptionControl& control) override;
+                                  TranscriptionControl& control,
+                                  const std::function<void(double)>& onProgress) override;
 
 private:
     Tools tools_;

@@ -163,7 +163,7 @@ void TranscriptionPipeline::sendAudio(Run& run, const CatalogEntry& entry,
     if (chunks.empty()) {
         run.checkCancelled();
         prepared = backend_->extract(source, speechOptions(plan, run.request.trim, "-speech"),
-                                     run.scratch, run.control);
+                                     run.scratch, run.control, {});
         chunks = AudioChunk::plan(probedDuration(*backend_, *prepared, run.control), length,
                                   chunkOverlapSeconds);
         if (chunks.empty() || chunks.front().duration <= 0) {
@@ -200,10 +200,12 @@ void TranscriptionPipeline::sendAudio(Run& run, const CatalogEntry& entry,
             // From the prepared audio its own times; from the source, shifted by the trim.
             const double offset = prepared ? 0 : window.start;
             const Trim range{timeText(offset + chunk.start), timeText(offset + chunk.end())};
-            file = backend_->extract(prepared ? *prepared : source,
-                                     speechOptions(plan, range,
-                                                   fmt::format("-speech-chunk{}", chunk.index)),
-                                     run.scratch, run.control);
+            // The chunk's extraction fills the first half of its share, its upload the rest.
+            file = backend_->extract(
+                prepared ? *prepared : source,
+                speechOptions(plan, range, fmt::format("-speech-chunk{}", chunk.index)),
+                run.scratch, run.control,
+                [&](double fraction) { run.report((chunk.index + fraction / 2) / count); });
         }
         MediaBodyRequest body = base;
         body.media.file = openMedia(file, Code::extractionFailed);
@@ -213,6 +215,7 @@ void TranscriptionPipeline::sendAudio(Run& run, const CatalogEntry& entry,
                             : std::nullopt;
         const std::optional<int> part =
             chunks.size() > 1 ? std::optional<int>(chunk.index + 1) : std::nullopt;
+        run.report((chunk.index + 0.5) / count);
         sendChunk(run, route, std::move(body), plan.format, key, window.start + chunk.start,
                   boundary, part, chunk.duration);
         run.throughSeconds = window.start + chunk.end();

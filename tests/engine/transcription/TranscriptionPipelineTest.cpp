@@ -164,6 +164,9 @@ TEST(TranscriptionPipeline, ThreeChunksAreUploadedWithTheKeyAndMergedInOrder) {
     ASSERT_FALSE(harness.fractions.empty());
     EXPECT_EQ(harness.fractions.back(), 1.0);
     EXPECT_TRUE(std::is_sorted(harness.fractions.begin(), harness.fractions.end()));
+    // Each chunk's upload starts halfway through its third of the bar.
+    EXPECT_NE(std::find(harness.fractions.begin(), harness.fractions.end(), 0.5),
+              harness.fractions.end());
     EXPECT_TRUE(fs::is_empty(harness.folder / "scratch"));
     EXPECT_EQ(TranscriptionInput::openCount(), 0);
 }
