@@ -23,6 +23,7 @@
 
 #include "bench/BenchSupport.hpp"
 #include "bench/LoopbackService.hpp"
+#include "engine/ffmpeg/FFmpegCommandBuilder.hpp"
 #include "engine/settings/SettingsStore.hpp"
 #include "engine/transcription/AudioChunk.hpp"
 #include "engine/transcription/Base64Parts.hpp"
@@ -174,19 +175,23 @@ int main(int argc, char** argv) {
         withToolsPeak.push_back(static_cast<double>(pipeline.measured.peakKiB) / 1024);
         ownPeak.push_back(static_cast<double>(pipeline.ownKiB) / 1024);
 
-        // By hand: ffmpeg extracts each chunk as the pipeline asks for it, then curl sends each
-        // chunk's body (made beforehand, not timed).
+        // By hand: ffmpeg extracts each chunk with the pipeline's arguments, then curl sends
+        // each chunk's body (made beforehand, not timed).
         double extract = 0;
         double curl = 0;
         std::vector<fs::path> bodies;
         for (const engine::AudioChunk& chunk : chunks) {
             const fs::path file = *folder / fmt::format("chunk{}.m4a", chunk.index);
-            const tessarin::bench::Measured extracted = tessarin::bench::measure(
-                {tools->ffmpeg.string(), "-y", "-nostdin", "-v", "error", "-ss",
-                 fmt::format("{:.3f}", chunk.start), "-to", fmt::format("{:.3f}", chunk.end()),
-                 "-i", talk.string(), "-map", "0:a:0", "-vn", "-c:a", "aac", "-b:a", "48k",
-                 "-ar", "16000", "-ac", "1", file.string()},
-                true);
+            // The very arguments the conversion job gives ffmpeg for this chunk.
+            std::vector<std::string> arguments{tools->ffmpeg.string()};
+            const engine::AudioExtractionOptions options = engine::AudioExtractionOptions::make(
+                engine::AudioExtractionCodec::aac, 48, 16'000, 1,
+                engine::Trim{fmt::format("{:.3f}", chunk.start), fmt::format("{:.3f}", chunk.end())});
+            for (std::string& argument : engine::FFmpegCommandBuilder::audioExtractionArguments(
+                     talk, file, options, std::nullopt)) {
+                arguments.push_back(std::move(argument));
+            }
+            const tessarin::bench::Measured extracted = tessarin::bench::measure(arguments, true);
             ok = ok && extracted.ok;
             extract += extracted.seconds;
             bodies.push_back(*folder / fmt::format("body{}.json", chunk.index));
