@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "bench/BenchSupport.hpp"
+#include "bench/LoopbackService.hpp"
 #include "engine/transcription/Base64Parts.hpp"
 #include "engine/transcription/CurlOpenRouterTransport.hpp"
 #include "engine/transcription/OpenRouterClient.hpp"
@@ -36,7 +37,6 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace engine = tessarin::engine;
-using Clock = std::chrono::steady_clock;
 
 
 engine::MediaBodyRequest mediaOf(const fs::path& file, bool streamed = false) {
@@ -75,77 +75,6 @@ int writeBody(const fs::path& file, const fs::path& out) {
     return stream ? 0 : 1;
 }
 
-struct Measured {
-    double seconds = 0;
-    long peakKiB = 0;
-    bool ok = false;
-};
-
-Measured measure(std::vector<std::string> arguments, bool quiet) {
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (quiet) {
-        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    }
-    const auto started = Clock::now();
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        return {};
-    }
-    int status = 0;
-    rusage usage{};
-    while (wait4(pid, &status, 0, &usage) < 0 && errno == EINTR) {
-    }
-    return {std::chrono::duration<double>(Clock::now() - started).count(), usage.ru_maxrss,
-            WIFEXITED(status) && WEXITSTATUS(status) == 0};
-}
-
-// The loopback server, started from the test support's script; its process id and port.
-std::pair<pid_t, int> startServer(const fs::path& folder) {
-    const fs::path script = fs::path(TESSARIN_SOURCE_DIR) / "tests/support/loopback_https_server.py";
-    std::ofstream(folder / "script.json") << R"([{"status":200,"body":"{\"text\":\"ok\"}"}])";
-    std::vector<std::string> arguments{"/usr/bin/python3",
-                                       script.string(),
-                                       "--cert",
-                                       (folder / "ca.pem").string(),
-                                       "--key",
-                                       (folder / "key.pem").string(),
-                                       "--script",
-                                       (folder / "script.json").string(),
-                                       "--record",
-                                       (folder / "requests.jsonl").string()};
-    std::vector<char*> argv;
-    for (std::string& argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) {
-        return {-1, 0};
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close(fds[1]);
-    int port = 0;
-    FILE* out = fdopen(fds[0], "r");
-    if (spawned != 0 || std::fscanf(out, "PORT %d", &port) != 1) {
-        port = 0;
-    }
-    std::fclose(out);
-    return {spawned == 0 ? pid : -1, port};
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -166,27 +95,25 @@ int main(int argc, char** argv) {
     if (!tessarin::bench::runQuietly(
             tools->ffmpeg, {"-y", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
                             "anoisesrc=color=white:sample_rate=48000:duration=520.8", "-ac", "2",
-                            "-c:a", "pcm_s16le", audio.string()}) ||
-        !tessarin::bench::runQuietly(
-            "/usr/bin/openssl",
-            {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-             "-days", "2", "-subj", "/CN=bench", "-addext", "subjectAltName=IP:127.0.0.1",
-             "-keyout", (*folder / "key.pem").string(), "-out", (*folder / "ca.pem").string()})) {
+                            "-c:a", "pcm_s16le", audio.string()})) {
         return 1;
     }
-    const auto [server, port] = startServer(*folder);
-    if (server < 0 || port == 0) {
+    tessarin::bench::LoopbackServer loopback =
+        tessarin::bench::startLoopbackServer(*folder, R"([{"status":200,"body":"{\"text\":\"ok\"}"}])");
+    if (!loopback.running()) {
         std::fprintf(stderr, "the loopback server did not start\n");
         return 1;
     }
-    const std::string baseURL = "https://127.0.0.1:" + std::to_string(port);
+    const std::string baseURL = loopback.baseURL();
     setenv("TESSARIN_OPENROUTER_BASE_URL", baseURL.c_str(), 1);
-    setenv("TESSARIN_OPENROUTER_CA_FILE", (*folder / "ca.pem").c_str(), 1);
+    setenv("TESSARIN_OPENROUTER_CA_FILE", loopback.certificate.c_str(), 1);
 
+    using tessarin::bench::measure;
+    using tessarin::bench::Measured;
     const std::string self = fs::read_symlink("/proc/self/exe").string();
     const fs::path bodyFile = *folder / "body.json";
     if (!measure({self, "--write-body", audio.string(), bodyFile.string()}, false).ok) {
-        kill(server, SIGTERM);
+        loopback.stop();
         return 1;
     }
     const double fileBytes = static_cast<double>(fs::file_size(audio));
@@ -211,8 +138,7 @@ int main(int argc, char** argv) {
         filePeak.push_back(static_cast<double>(streamed.peakKiB) * 1024);
         curlPeak.push_back(static_cast<double>(curl.peakKiB) * 1024);
     }
-    kill(server, SIGTERM);
-    waitpid(server, nullptr, 0);
+    loopback.stop();
     fs::remove_all(*folder);
     if (!ok) {
         std::fprintf(stderr, "an upload failed\n");

@@ -85,6 +85,22 @@ struct TranscribeModelsRequest {
 // `tessarin transcribe models`: the roster of transcription models with each one's route, price
 // unit and whether it is enabled. Needs OPENROUTER_API_KEY.
 int runTranscribeModels(const TranscribeModelsRequest& request);
+
+struct TranscribeRequest {
+    std::optional<std::string> model;     // default: the active model of the settings
+    std::optional<std::string> format;    // txt, srt or vtt; default: the settings'
+    std::optional<std::string> language;  // default: the settings'
+    std::optional<std::string> trim;      // START,END
+    std::optional<std::filesystem::path> outputDirectory;
+    std::optional<std::string> consent;   // audio or video: approve that upload now
+    std::vector<std::filesystem::path> files;
+    bool json = false;
+};
+
+// `tessarin transcribe FILE...`: a transcript of each file beside it (or in --output-dir), with
+// the key from the keyring or OPENROUTER_API_KEY. Without an approval of the upload, stored or
+// given with --consent, prints what would be sent where, sends nothing and exits 5.
+int runTranscribe(const TranscribeRequest& request);
 struct RecordingsRequest {
     enum class Action { list, recover, discard };
     Action action = Action::list;

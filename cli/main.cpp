@@ -10,7 +10,8 @@ namespace {
 constexpr const char* kExitStatusHelp =
     "Exit status: 0 all done, 1 a file failed (or the transcription service refused), 2 bad "
     "command line (or no OPENROUTER_API_KEY), 3 ffmpeg/ffprobe/gifsicle "
-    "not found, 4 cuts planned but not confirmed (nothing written), 130 cancelled.\n"
+    "not found, 4 cuts planned but not confirmed (nothing written), 5 transcription upload not "
+    "approved (nothing sent), 130 cancelled.\n"
     "The tools are taken from CONVERTER_TOOLS_DIR when it is set, otherwise from the helper "
     "folder beside this program (../libexec/tessarin).";
 
@@ -113,9 +114,23 @@ int main(int argc, char** argv) {
                      "Videos to read");
 
     TranscribeModelsRequest transcribeModels;
-    CLI::App* transcribe =
-        app.add_subcommand("transcribe", "Transcription with OpenRouter (needs OPENROUTER_API_KEY)");
-    transcribe->require_subcommand(1);
+    TranscribeRequest transcribeFiles;
+    CLI::App* transcribe = app.add_subcommand(
+        "transcribe", "Transcripts of the files with OpenRouter (`transcribe models` lists models)");
+    transcribe->require_subcommand(0, 1);
+    transcribe->add_option("--model", transcribeFiles.model,
+                           "Model id (default: the active model of the settings)");
+    transcribe->add_option("--format", transcribeFiles.format,
+                           "txt, srt or vtt (srt and vtt need microsoft/mai-transcribe-2)");
+    transcribe->add_option("--language", transcribeFiles.language,
+                           "Language hint such as en (default: the settings', or detection)");
+    transcribe->add_option("--trim", transcribeFiles.trim, "START,END: only this range");
+    transcribe->add_option("--consent", transcribeFiles.consent,
+                           "audio or video: approve that upload to OpenRouter (stored)");
+    transcribe->add_option("--output-dir", transcribeFiles.outputDirectory,
+                           "Folder for the transcripts (default: beside each file)");
+    transcribe->add_flag("--json", transcribeFiles.json, "One JSON object per event on stdout");
+    transcribe->add_option("FILE", transcribeFiles.files, "Videos or audio files to transcribe");
     CLI::App* models = transcribe->add_subcommand(
         "models", "List the transcription models: route, price unit, enabled");
     models->add_flag("--refresh", transcribeModels.refresh,
@@ -181,8 +196,15 @@ int main(int argc, char** argv) {
     if (*framesCommand) {
         return runFrames(frames);
     }
-    if (*transcribe) {
+    if (*models) {
         return runTranscribeModels(transcribeModels);
+    }
+    if (*transcribe) {
+        if (transcribeFiles.files.empty()) {
+            std::cerr << "tessarin: transcribe needs at least one FILE (or `transcribe models`).\n";
+            return kExitUsage;
+        }
+        return runTranscribe(transcribeFiles);
     }
     if (*recordingsCommand) {
         using Action = RecordingsRequest::Action;

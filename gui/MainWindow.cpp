@@ -15,6 +15,7 @@
 
 #include "app/destinations/OutputDestinationTexts.hpp"
 #include "gui/ActionChips.hpp"
+#include "gui/ConsentSheet.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
 #include "gui/RecordingRecoveryDialog.hpp"
@@ -66,6 +67,7 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(notice_, &NoticeBanner::dismissed, &queue_, &app::QueueModel::dismissNotice);
     connect(&app_.recordingRecovery(), &app::RecordingRecoveryModel::takesChanged, this,
             &MainWindow::offerRecordingRecovery);
+    connect(&queue_, &app::QueueModel::uploadConsentRequired, this, &MainWindow::askUploadConsent);
     connect(&queue_, &app::QueueModel::intakeNoticeChanged, this,
             [this] { notice_->setText(qs(queue_.intakeNotice().value_or(std::string()))); });
     layout->addWidget(notice_);
@@ -410,6 +412,23 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         settingsWindow_->close();
     }
     event->accept();
+}
+
+void MainWindow::askUploadConsent(bool video) {
+    app::TranscriptionSettingsModel* transcription = app_.transcription();
+    if (transcription == nullptr || consentSheet_) {
+        return;
+    }
+    const auto kind = video ? engine::TranscriptionConsentKind::videoUpload
+                            : engine::TranscriptionConsentKind::audioUpload;
+    consentSheet_ = new ConsentSheet(kind, this);
+    consentSheet_->setAttribute(Qt::WA_DeleteOnClose);
+    connect(consentSheet_, &QDialog::accepted, this, [this, transcription, kind] {
+        transcription->grantConsent(kind);
+        queue_.dismissNotice();
+        queue_.start();
+    });
+    consentSheet_->open();
 }
 
 }  // namespace tessarin::gui

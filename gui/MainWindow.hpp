@@ -12,6 +12,7 @@
 
 #include "app/queue/SourceFacts.hpp"
 #include "app/shell/TessarinApp.hpp"
+#include "gui/ConsentSheet.hpp"
 #include "gui/SettingsWindow.hpp"
 
 class QLabel;
@@ -50,6 +51,8 @@ public:
     [[nodiscard]] FastCutReviewDialog* fastCutReviewDialog() const;
     // The offer to recover unfinished recordings while it is open.
     [[nodiscard]] RecordingRecoveryDialog* recordingRecoveryDialog() const;
+    // The upload notice while it is open.
+    [[nodiscard]] ConsentSheet* consentSheet() const { return consentSheet_; }
     // The trim editor while it is open.
     [[nodiscard]] TrimEditorDialog* trimEditorDialog() const;
     // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
@@ -68,6 +71,9 @@ private:
     void offerRecordingRecovery();
     void updateTrim();
     void updateButtons();
+    // The queue refused transcription for want of approval: the notice, and on approval the
+    // start again.
+    void askUploadConsent(bool video);
 
     app::TessarinApp& app_;
     app::QueueModel& queue_;
@@ -87,6 +93,7 @@ private:
     app::SourceFactsLoader* sourceFacts_ = nullptr;
     QPointer<SettingsWindow> settingsWindow_;
     QPointer<RecordingRecoveryDialog> recoveryDialog_;
+    QPointer<ConsentSheet> consentSheet_;
 };
 
 }  // namespace tessarin::gui

@@ -9,6 +9,7 @@
 #include "gui/AboutPage.hpp"
 #include "gui/GeneralSettingsPage.hpp"
 #include "gui/PresetsPage.hpp"
+#include "gui/TranscriptionSettingsPage.hpp"
 #include "gui/UIScale.hpp"
 
 namespace tessarin::gui {
@@ -23,6 +24,10 @@ SettingsWindow::SettingsWindow(app::TessarinApp& app, QWidget* parent)
     setWindowTitle(tr("Tessarin Settings"));
     tabs_->addTab(general_, tr("General"));
     tabs_->addTab(presets_, tr("Presets"));
+    if (app::TranscriptionSettingsModel* model = app.transcription()) {
+        transcription_ = new TranscriptionSettingsPage(*model, app.settings(), tabs_);
+        tabs_->addTab(transcription_, tr("Transcription"));
+    }
     tabs_->addTab(about_, tr("About"));
     tabs_->setDocumentMode(true);
     auto* layout = new QVBoxLayout(this);

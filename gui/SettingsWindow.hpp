@@ -1,4 +1,4 @@
-// The settings window: General, Presets and About tabs.
+// The settings window: General, Presets, Transcription (when set up) and About tabs.
 #pragma once
 
 #include <QWidget>
@@ -14,6 +14,7 @@ namespace tessarin::gui {
 class AboutPage;
 class GeneralSettingsPage;
 class PresetsPage;
+class TranscriptionSettingsPage;
 
 class SettingsWindow : public QWidget {
     Q_OBJECT
@@ -26,12 +27,15 @@ public:
     [[nodiscard]] GeneralSettingsPage* general() const { return general_; }
     [[nodiscard]] PresetsPage* presets() const { return presets_; }
     [[nodiscard]] AboutPage* about() const { return about_; }
+    // Null when the application has no transcription settings.
+    [[nodiscard]] TranscriptionSettingsPage* transcription() const { return transcription_; }
 
 private:
     QTabWidget* tabs_;
     GeneralSettingsPage* general_;
     PresetsPage* presets_;
     AboutPage* about_;
+    TranscriptionSettingsPage* transcription_ = nullptr;
 };
 
 }  // namespace tessarin::gui

@@ -8,7 +8,8 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
   tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench \
-  tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench
+  tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench \
+  tessarin_transcription_pipeline_bench
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -34,3 +35,5 @@ echo "== handoff socket (10,000 hostile connections, then 100 valid handoffs by 
 "$bin/tessarin_handoff_server_bench"
 echo "== transcription upload (100 MB audio to a loopback HTTPS server vs curl --data-binary)"
 "$bin/tessarin_transcription_upload_bench" 3
+echo "== transcription pipeline (a 30-minute talk, two chunks, vs ffmpeg and curl by hand)"
+"$bin/tessarin_transcription_pipeline_bench" "${1:-1}"

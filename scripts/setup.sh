@@ -9,6 +9,8 @@ packages=(
   # libraries
   nlohmann-json3-dev libfmt-dev libcli11-dev libsystemd-dev libssl-dev libacl1-dev libicu-dev
   uuid-dev libvips-dev fonts-dejavu-core libcurl4-openssl-dev
+  # the API key in the system keyring (Secret Service), and a keyring and bus for its tests
+  libsecret-1-dev gnome-keyring dbus
   # application core (QtCore models)
   qt6-base-dev
   # the trim editor's player (Qt Multimedia plays through GStreamer)

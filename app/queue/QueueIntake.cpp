@@ -101,8 +101,9 @@ bool QueueModel::checkTranscriptionPrerequisites(bool forStart) {
     if (!prerequisites.hasConsent) {
         notice(prerequisites.modelUploadsVideo ? kNoVideoConsent : kNoConsent);
         intakeLog().notice(
-            fmt::format("event=\"transcription blocked — upload consent not granted kind={}\"",
-                        prerequisites.modelUploadsVideo ? "video" : "audio"));
+            fmt::format("event=\"dispatch refused — upload consent required kind={}\"",
+                        prerequisites.modelUploadsVideo ? "videoUpload" : "audioUpload"));
+        emit uploadConsentRequired(prerequisites.modelUploadsVideo);
         return false;
     }
     if (forStart && prerequisites.glossaryReviewDue) {

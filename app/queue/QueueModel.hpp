@@ -286,6 +286,9 @@ signals:
     void scanningChanged();
     // A fast cut review was published, replaced or withdrawn.
     void fastCutReviewChanged();
+    // Transcription was refused for want of the upload approval (`video`: the whole-video one):
+    // the window offers the upload notice, and after an approval starts again.
+    void uploadConsentRequired(bool video);
 
 private slots:
     void deliverBackgroundResults();

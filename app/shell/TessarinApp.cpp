@@ -10,6 +10,9 @@
 #include "app/support/MainThreadHandoff.hpp"
 #include "engine/encoders/ExternalSoftwareHEVCValidator.hpp"
 #include "engine/log/Log.hpp"
+#include "engine/publish/PrivateFolders.hpp"
+#include "engine/transcription/CurlOpenRouterTransport.hpp"
+#include "engine/transcription/KeychainOpenRouterKeyStore.hpp"
 
 namespace tessarin::app {
 
@@ -113,6 +116,7 @@ TessarinApp::Environment TessarinApp::Environment::standard() {
         }
     }
     environment.handoffFolder = IntakeHandoffServer::standardFolder();
+    environment.transcriptionKeyStore = std::make_shared<engine::KeychainOpenRouterKeyStore>();
     environment.helperFolder = runningHelperFolder();
     environment.probeHardware = [](const engine::Tools& tools) {
         return engine::HardwareEncoderProbe{}.probe(tools.ffmpeg);
@@ -177,6 +181,25 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
                                        notifier_->post(title, body);
                                    };
     queue.recordEngineError = [this](const std::string& text) { recordEngineError(text); };
+    if (environment_.transcriptionKeyStore) {
+        transcription_ = std::make_unique<TranscriptionSettingsModel>(
+            settings_, environment_.transcriptionKeyStore,
+            engine::OpenRouterClient(std::make_shared<engine::CurlOpenRouterTransport>(
+                engine::OpenRouterConfig::endpoint())),
+            engine::temporaryRoot());
+        queue.transcriptionPrerequisites = [this] { return transcription_->prerequisites(); };
+        queue.transcriptionJobFactory = [this](const QueueItem& item) -> std::shared_ptr<QueueJob> {
+            return tools_ ? transcription_->makeJob(item, *tools_) : nullptr;
+        };
+        connect(transcription_.get(), &TranscriptionSettingsModel::changed, this,
+                &TessarinApp::actionCatalogChanged);
+        // A row is bound to its file as it is queued: what is transcribed is what was dropped.
+        connect(queue_.get(), &QueueModel::itemsChanged, this, [this] {
+            if (queue_ && transcription_) {  // not while either is being torn down
+                transcription_->bindQueued(queue_->items());
+            }
+        });
+    }
 
     urlIntake_ = std::make_unique<URLIntake>(*queue_, engine::IntakeTokenStore::process(),
                                              engine::IntakeValidationAdmissionController::process());
@@ -192,6 +215,7 @@ TessarinApp::~TessarinApp() {
     handoff_->detach();
     urlIntake_.reset();
     queue_.reset();
+    transcription_.reset();
     recordingRecovery_.reset();
     (void)handoff_->waitUntilIdle(std::chrono::seconds(15));
 }
@@ -202,6 +226,10 @@ void TessarinApp::launch() {
                                                              : true;
     if (!published) {
         appLog().error("event=\"could not publish authenticated intake socket\"");
+    }
+    if (transcription_) {
+        // Only whether a key is there; the key itself stays in the keyring until a job needs it.
+        transcription_->refreshKeyPresence();
     }
     appLog().notice(engine::KeyValues()
                         .add("event", "launch")

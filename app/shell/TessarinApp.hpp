@@ -30,6 +30,7 @@
 #include "app/recording/RecordingRecoveryModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
+#include "app/transcription/TranscriptionSettingsModel.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/process/Tools.hpp"
 #include "engine/settings/SettingsStore.hpp"
@@ -88,6 +89,9 @@ public:
         // socket), and the helper folder whose `tessarin-action` may hand files over.
         std::optional<std::filesystem::path> handoffFolder;
         std::filesystem::path helperFolder;
+        // Where the OpenRouter API key is kept. Empty: transcription is not set up (its chip
+        // stays disabled and no transcription settings exist).
+        std::shared_ptr<engine::OpenRouterKeyStoring> transcriptionKeyStore;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -112,6 +116,8 @@ public:
     [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
     [[nodiscard]] FramesSettings& framesSettings() { return *framesSettings_; }
     [[nodiscard]] RecordingRecoveryModel& recordingRecovery() { return *recordingRecovery_; }
+    // The transcription settings; null when the environment gave no key store.
+    [[nodiscard]] TranscriptionSettingsModel* transcription() { return transcription_.get(); }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -164,6 +170,7 @@ private:
     std::unique_ptr<PresetStore> presetStore_;
     std::unique_ptr<OutputDestination> outputDestination_;
     std::unique_ptr<FramesSettings> framesSettings_;
+    std::unique_ptr<TranscriptionSettingsModel> transcription_;
     std::unique_ptr<QueueModel> queue_;
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
     std::unique_ptr<DesktopNotifier> notifier_;

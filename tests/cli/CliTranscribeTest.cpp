@@ -8,8 +8,12 @@
 #include <chrono>
 #include <thread>
 
+#include <fstream>
+#include <sstream>
+
 #include "tests/cli/CliTestSupport.hpp"
 #include "tests/support/LoopbackHttpsServer.hpp"
+#include "tests/support/TestMedia.hpp"
 
 namespace tessarin::cli {
 namespace {
@@ -134,6 +138,101 @@ TEST(CliTranscribe, CtrlCEndsAWaitingRequestAsCancelled) {
     const auto events = jsonEvents(text);
     ASSERT_FALSE(events.empty());
     EXPECT_EQ(events.back()["event"], "cancelled");
+}
+
+
+std::string fileText(const std::filesystem::path& file) {
+    std::ifstream stream(file);
+    std::stringstream text;
+    text << stream.rdbuf();
+    return text.str();
+}
+
+json chatAnswer(const std::string& text) {
+    return {{"status", 200},
+            {"headers", {{"X-Generation-Id", "gen-cli-1"}}},
+            {"body", json{{"choices", json::array({{{"message", {{"content", text}}}}})},
+                          {"usage", {{"cost", 0.0021}}}}
+                         .dump()}};
+}
+
+TEST(CliTranscribe, WithoutApprovalItShowsTheNoticeSendsNothingAndExitsFive) {
+    test::LoopbackHttpsServer server(json::array({kModels, chatAnswer("never")}));
+    test::TempDir config;
+    test::TempDir media;
+    const auto talk = copyInto(media.path(), test::testClip(test::TestClip::h264Aac), "talk.mp4");
+    auto environment = serviceEnvironment(server, config);
+    environment["XDG_STATE_HOME"] = (config / "state").string();
+
+    const ToolRun refused = runTool(
+        {"transcribe", "--model", "google/gemini-3.6-flash", talk.string()}, environment);
+    EXPECT_EQ(refused.exitCode, 5) << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("Send audio to OpenRouter?"));
+    EXPECT_THAT(refused.err, HasSubstr("The video file itself is not uploaded."));
+    EXPECT_THAT(refused.err, HasSubstr("--consent audio"));
+    const ToolRun quiet = runTool(
+        {"transcribe", "--json", "--model", "google/gemini-3.6-flash", talk.string()}, environment);
+    EXPECT_EQ(quiet.exitCode, 5);
+    const auto events = jsonEvents(quiet.out);
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back()["event"], "failed");
+    EXPECT_EQ(events.back()["step"], "consentDenied");
+    // Only the public model list was fetched: no upload, no key sent.
+    for (const json& request : server.requests()) {
+        EXPECT_EQ(request["method"], "GET");
+        EXPECT_FALSE(request["headers"].contains("authorization"));
+    }
+    EXPECT_EQ(namesIn(media.path()), std::vector<std::string>{"talk.mp4"});
+}
+
+TEST(CliTranscribe, ConsentOnTheCommandLineIsStoredAndTheTranscriptLandsBesideTheVideo) {
+    test::LoopbackHttpsServer server(
+        json::array({kModels, chatAnswer("Hello from the talk."), chatAnswer("Again.")}));
+    test::TempDir config;
+    test::TempDir media;
+    const auto talk = copyInto(media.path(), test::testClip(test::TestClip::h264Aac), "talk.mp4");
+    auto environment = serviceEnvironment(server, config);
+    environment["XDG_STATE_HOME"] = (config / "state").string();
+
+    const ToolRun run = runTool({"transcribe", "--json", "--consent", "audio", "--model",
+                                 "google/gemini-3.6-flash", talk.string()},
+                                environment);
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const auto events = jsonEvents(run.out);
+    ASSERT_GE(events.size(), 3u);
+    EXPECT_EQ(events.front()["event"], "start");
+    EXPECT_EQ(events.front()["action"], "transcribe");
+    const auto done = std::find_if(events.begin(), events.end(),
+                                   [](const json& event) { return event["event"] == "done"; });
+    ASSERT_NE(done, events.end());
+    EXPECT_EQ((*done)["path"], (media / "talk.transcript.txt").string());
+    EXPECT_EQ(fileText(media / "talk.transcript.txt"), "Hello from the talk.");
+    EXPECT_EQ(events.back()["event"], "cost");
+    EXPECT_EQ(events.back()["reportedUSD"], 0.0021);
+    EXPECT_EQ(events.back()["generationIDs"], json::array({"gen-cli-1"}));
+
+    // The approval was stored as the window stores it: the next run needs no --consent, and
+    // people read the cost on stderr.
+    const ToolRun again = runTool(
+        {"transcribe", "--model", "google/gemini-3.6-flash", talk.string()}, environment);
+    ASSERT_EQ(again.exitCode, 0) << again.err;
+    EXPECT_EQ(again.out, (media / "talk-2.transcript.txt").string() + "\n");
+    EXPECT_THAT(again.err, HasSubstr("0.0021"));
+
+    const std::vector<json> requests = server.requests();
+    ASSERT_EQ(requests.size(), 3u);
+    EXPECT_EQ(requests[1]["path"], "/api/v1/chat/completions");
+    EXPECT_EQ(requests[1]["headers"]["authorization"], "Bearer sk-cli");
+    // The key reaches the service and nowhere else: not the settings, the log, or any output.
+    const std::string settings = fileText(config / "tessarin" / "settings.json");
+    EXPECT_THAT(settings, HasSubstr("transcriptionUploadConsentVersion"));
+    EXPECT_THAT(settings, ::testing::Not(HasSubstr("sk-cli")));
+    const std::string log = fileText(config / "state" / "tessarin" / "tessarin.log");
+    EXPECT_THAT(log, HasSubstr("upload consent granted kind=audio version=1"));
+    EXPECT_THAT(log, ::testing::Not(HasSubstr("sk-cli")));
+    for (const ToolRun* output : {&run, &again}) {
+        EXPECT_THAT(output->out + output->err, ::testing::Not(HasSubstr("sk-cli")));
+    }
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 // flight to a real loopback server stops as cancelled.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <memory>
+#include <vector>
 #include <thread>
 
 #include "engine/transcription/CurlOpenRouterTransport.hpp"
@@ -29,6 +32,40 @@ TEST(TranscriptionControl, CancelFromAnotherThreadEndsAWaitAtOnce) {
     EXPECT_LT(Clock::now() - started, std::chrono::seconds(10));
     EXPECT_TRUE(control.isCancelled());
     EXPECT_FALSE(control.waitFor(1));  // a cancelled control never waits again
+}
+
+// Stages attach and detach on several threads while another cancels: no stage is told twice, and
+// every stage still attached at the cancel, or attaching after it, is told (after it, at once).
+TEST(TranscriptionControl, EveryAttachedStageIsToldOfACancelOnce) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 200;
+    TranscriptionControl control;
+    std::atomic<int> told{0};
+    std::vector<std::vector<std::shared_ptr<std::atomic<int>>>> counts(kThreads);
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int round = 0; round < kRounds; ++round) {
+                auto count = std::make_shared<std::atomic<int>>(0);
+                counts[static_cast<std::size_t>(thread)].push_back(count);
+                control.detach(control.attach([count] { ++*count; }));
+            }
+            control.attach([&told] { ++told; });
+        });
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    control.cancel();
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(told.load(), kThreads);
+    control.cancel();  // a second cancel tells nobody again
+    EXPECT_EQ(told.load(), kThreads);
+    for (const auto& perThread : counts) {
+        for (const auto& count : perThread) {
+            EXPECT_LE(count->load(), 1);
+        }
+    }
 }
 
 TEST(TranscriptionControl, CancelDuringAnUploadEndsItAsCancelledWithoutRetry) {
