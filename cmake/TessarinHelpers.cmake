@@ -71,9 +71,9 @@ endfunction()
 
 function(_tessarin_test_settings target)
   _tessarin_common(${target})
-  # Every test is compiled -fPIC, as Qt demands of the programs that use it, so all can share
-  # one precompiled header.
-  target_compile_options(${target} PRIVATE -fPIC)
+  # Every test is compiled -fPIC (as Qt demands) and -pthread (as some libraries' pkg-config
+  # flags add), so that all can share one precompiled header.
+  target_compile_options(${target} PRIVATE -fPIC -pthread)
   target_link_libraries(${target} PRIVATE GTest::gmock GTest::gtest GTest::gtest_main
                         nlohmann_json::nlohmann_json)
   target_compile_definitions(${target} PRIVATE
