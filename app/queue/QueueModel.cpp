@@ -73,6 +73,25 @@ std::string trimLabelOf(const engine::Trim& trim) {
     return fmt::format("{}–{}", trim.start.value_or("start"), trim.end.value_or("end"));
 }
 
+std::vector<QueueItem> clipRows(const QueueItem& original, const std::vector<JobKind>& kinds,
+                                const std::vector<engine::Trim>& ranges,
+                                const std::optional<ActionDescriptor>& descriptor) {
+    std::vector<QueueItem> rows;
+    for (std::size_t index = 0; index < kinds.size(); ++index) {
+        QueueItem row = original;
+        row.id = index == 0 ? original.id : engine::Uuid::random();
+        row.pendingClips.reset();
+        row.pendingTrim.reset();
+        row.kind = kinds[index];
+        row.descriptor = descriptor;
+        row.trimLabel =
+            fmt::format("Clip {} of {} · {}", index + 1, kinds.size(), trimLabelOf(ranges[index]));
+        row.state = {QueueItem::StateKind::waiting, {}, {}, {}};
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
 }  // namespace queue_internal
 
 // ---------------------------------------------------------------------------------------------

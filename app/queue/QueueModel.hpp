@@ -269,6 +269,9 @@ public:
     [[nodiscard]] std::optional<TrimEditorRequest> trimEditorRequest(const engine::Uuid& id) const;
     // The editor's Apply for row `id`: false, changing nothing, unless the row waits (staged, or
     // waiting with a conversion) and can take the result: clips need a preset once they start.
+    // On a waiting conversion, several separate clips become one waiting row each, the first
+    // keeping `id`. Staged clips are exported when the row starts: by its preset, or under Fast
+    // cut by a review that plans each clip (separate) or each piece of the joined output.
     [[nodiscard]] bool applyTrimEditor(const engine::Uuid& id, const TrimEditorResult& result);
 
     // Blocks until no job or scan thread runs, at most `limit`; true when none does. Results
