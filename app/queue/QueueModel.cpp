@@ -81,7 +81,7 @@ std::vector<QueueItem> clipRows(const QueueItem& original, const std::vector<Job
         QueueItem row = original;
         row.id = index == 0 ? original.id : engine::Uuid::random();
         row.pendingClips.reset();
-        row.pendingTrim.reset();
+        row.pendingTrim = ranges[index];  // what the editor opens this row with
         row.kind = kinds[index];
         row.descriptor = descriptor;
         row.trimLabel =

@@ -30,24 +30,7 @@ constexpr const char* kUnsupported =
     "Fast cut supports H.264 video with AAC audio or no audio in MP4/MOV files with a zero-based "
     "video timeline. Use a conversion preset for this source.";
 
-// 20 s of H.264 at 25 fps with a keyframe exactly every 5 s, and AAC audio.
-const fs::path& keyframeClip() {
-    static const fs::path clip =
-        test::makeClip("keyframes-every-5s.mp4",
-                       {"-f",           "lavfi",
-                        "-i",           "testsrc2=size=160x120:rate=25:duration=20",
-                        "-f",           "lavfi",
-                        "-i",           "sine=frequency=440:sample_rate=48000:duration=20",
-                        "-c:v",         "libx264",
-                        "-preset",      "ultrafast",
-                        "-pix_fmt",     "yuv420p",
-                        "-g",           "125",
-                        "-x264-params", "keyint=125:min-keyint=125:scenecut=0",
-                        "-c:a",         "aac",
-                        "-b:a",         "64k",
-                        "-shortest"});
-    return clip;
-}
+fs::path keyframeClip() { return test::testClip(test::TestClip::keyframesEvery5s); }
 
 // H.264 in MP4, but with MP3 audio.
 const fs::path& mp3Clip() {

@@ -304,12 +304,7 @@ TEST_F(MainWindowTest, DeleteRemovesTheFocusedStagedRow) {
 
 TEST_F(MainWindowTest, FastCutOpensTheReviewAndExportCutsTheReadyFile) {
     // 20 s with a keyframe every 5 s, so that 7–13 is planned as 5–15.
-    const fs::path clip = test::makeClip(
-        "keyframes-every-5s.mp4",
-        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=20", "-f", "lavfi", "-i",
-         "sine=frequency=440:sample_rate=48000:duration=20", "-c:v", "libx264", "-preset",
-         "ultrafast", "-x264-params", "keyint=125:min-keyint=125:scenecut=0", "-pix_fmt", "yuv420p",
-         "-c:a", "aac", "-shortest"});
+    const fs::path clip = test::testClip(test::TestClip::keyframesEvery5s);
     test::dropOn(find("dropZone"), {stage(clip, "talk.mp4"),
                                     stage(test::testClip(test::TestClip::vp9Opus), "web.webm")});
     ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
