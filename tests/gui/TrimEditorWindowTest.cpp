@@ -1,5 +1,5 @@
 // The queue rows at the window's minimum size, and the trim editor opened from a row: keyframe
-// stepping, start and end from the viewed frame, and Apply leaving the trim on the row.
+// stepping, the handles on the timeline confirmed by Trim, and Apply leaving the trim on the row.
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
@@ -14,6 +14,7 @@
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
 #include "gui/TrimEditorDialog.hpp"
+#include "gui/TrimTimeline.hpp"
 #include "tests/gui/GuiTestSupport.hpp"
 #include "tests/gui/WindowTestFixture.hpp"
 #include "tests/support/TempDir.hpp"
@@ -93,34 +94,64 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
     TrimEditorDialog* dialog = window_->trimEditorDialog();
     ASSERT_NE(dialog, nullptr);
     ASSERT_TRUE(waitUntil([&] { return dialog->editor().duration().has_value(); }));
-    // The player shows the source where the session can play it; either way the time fields
-    // and keyframe tools do the rest.
-    if (dialog->editor().trimmingVisually()) {
-        click(dialog, "switchToDetailed");
-    }
-    EXPECT_FALSE(dialog->editor().trimmingVisually());
+    ASSERT_TRUE(waitUntil([&] { return dialog->editor().previewReady(); }))
+        << dialog->editor().previewMessage();
+    ASSERT_TRUE(dialog->editor().trimmingVisually());
+    TrimTimeline* timeline = dialog->timeline();
+    ASSERT_EQ(timeline->duration(), dialog->editor().duration());
+    const double secondsPerPixel = *timeline->duration() / timeline->width();
 
-    dialog->setPlayhead(1.2);
+    // A press on the track moves the playhead there; the keyframe after it is at 2 s.
+    const QPoint origin = timeline->pointOf(TrimTimeline::Part::start);
+    const QPoint atEnd = timeline->pointOf(TrimTimeline::Part::end);
+    QTest::mouseClick(timeline, Qt::LeftButton, {},
+                      QPoint(origin.x() + (atEnd.x() - origin.x()) * 3 / 10, origin.y()));
+    EXPECT_NEAR(dialog->playhead(), 1.2, 2 * secondsPerPixel);
     click(dialog, "nextKeyframe");
     ASSERT_TRUE(waitUntil([&] { return !dialog->editor().keyframeSearching(); }));
     EXPECT_NEAR(dialog->playhead(), 2.0, 0.001) << dialog->editor().keyframeMessage();
-    // Where the player loaded the source, a frame step is one frame of it (10 fps here).
-    if (dialog->editor().previewReady()) {
-        click(dialog, "nextFrame");
-        EXPECT_NEAR(dialog->playhead(), 2.1, 0.001);
-        click(dialog, "previousFrame");
-    }
-    click(dialog, "setStartHere");
-    dialog->setPlayhead(3.5);
-    click(dialog, "setEndHere");
-    EXPECT_EQ(dialog->editor().clips().front().start, "2");
-    EXPECT_EQ(dialog->editor().clips().front().end, "3.5");
+    EXPECT_DOUBLE_EQ(timeline->playhead(), dialog->playhead());
+    // A frame step is one frame of the source (10 fps here).
+    click(dialog, "nextFrame");
+    EXPECT_NEAR(dialog->playhead(), 2.1, 0.001);
+    click(dialog, "previousFrame");
+
+    // The start handle from the keyboard: I puts it at the playhead.
+    timeline->setFocus();
+    QTest::keyClick(timeline, Qt::Key_I);
+    EXPECT_DOUBLE_EQ(timeline->start(), 2.0);
+    // The end handle dragged by the pointer to 3.5 s.
+    const QPoint end = timeline->pointOf(TrimTimeline::Part::end);
+    const QPoint target(origin.x() + static_cast<int>((atEnd.x() - origin.x()) * 3.5 / 4.0),
+                        end.y());
+    QTest::mousePress(timeline, Qt::LeftButton, {}, end);
+    QTest::mouseMove(timeline, QPoint((end.x() + target.x()) / 2, end.y()));
+    QTest::mouseRelease(timeline, Qt::LeftButton, {}, target);
+    EXPECT_NEAR(timeline->end(), 3.5, 2 * secondsPerPixel);
+    // Not a value until Trim confirms the handles.
+    EXPECT_TRUE(dialog->editor().hasUnconfirmedHandles());
+    EXPECT_EQ(dialog->editor().clips().front().end, "");
+    // The dragged handle stays chosen for the keyboard, which steps it by a frame; Down and Up
+    // go round the playhead and the two handles.
+    ASSERT_EQ(timeline->activePart(), TrimTimeline::Part::end);
+    QTest::keyClick(timeline, Qt::Key_Down);
+    EXPECT_EQ(timeline->activePart(), TrimTimeline::Part::playhead);
+    QTest::keyClick(timeline, Qt::Key_Up);
+    ASSERT_EQ(timeline->activePart(), TrimTimeline::Part::end);
+    const double dragged = timeline->end();
+    QTest::keyClick(timeline, Qt::Key_Right);
+    EXPECT_NEAR(timeline->end(), dragged + 0.1, 1e-9);
+    click(dialog, "trimControl");
+    EXPECT_FALSE(dialog->editor().hasUnconfirmedHandles());
+    const app::ClipDraft confirmed = dialog->editor().clips().front();
+    EXPECT_EQ(confirmed.start, "2");
+    EXPECT_NEAR(std::stod(confirmed.end), dragged + 0.1, 1e-6);
     test::screenshotAtBothScales(dialog, "trim-editor");
 
     click(dialog, "applyEditor");
     ASSERT_TRUE(waitUntil([&] { return window_->trimEditorDialog() == nullptr; }));
     const app::QueueItem& item = core_->queue().items().front();
-    EXPECT_EQ(item.pendingTrim, (engine::Trim{"2", "3.5"}));
+    EXPECT_EQ(item.pendingTrim, (engine::Trim{"2", confirmed.end}));
     auto* subtitle = window_->queueList()->row(id)->findChild<ElidedLabel*>("subtitleLabel");
     EXPECT_TRUE(subtitle->fullText().contains("Using this file’s trim"))
         << subtitle->fullText().toStdString();
