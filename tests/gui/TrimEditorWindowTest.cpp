@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QPushButton>
 #include <QScrollBar>
 #include <QTest>
 #include <QToolButton>
@@ -10,6 +11,7 @@
 
 #include "gui/ActionChips.hpp"
 #include "gui/ElidedLabel.hpp"
+#include "gui/FastCutReviewDialog.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
@@ -25,6 +27,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using test::waitUntil;
+using StateKind = app::QueueItem::StateKind;
 
 class TrimEditorWindowTest : public test::WindowTest {
 protected:
@@ -155,6 +158,65 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
     auto* subtitle = window_->queueList()->row(id)->findChild<ElidedLabel*>("subtitleLabel");
     EXPECT_TRUE(subtitle->fullText().contains("Using this file’s trim"))
         << subtitle->fullText().toStdString();
+}
+
+TEST_F(TrimEditorWindowTest, SuggestedClipsAreExportedByFastCutAsStreamCopies) {
+    // 8 s with a keyframe every second; the tone is silent from 2 to 4 s and from 6 s on.
+    const fs::path clip = test::makeClip(
+        "paused-tone-keyframes-1s.mp4",
+        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=8", "-f", "lavfi", "-i",
+         "sine=frequency=440:sample_rate=48000:duration=8", "-filter_complex",
+         "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]", "-map", "0:v", "-map", "[a]",
+         "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
+         "keyint=10:min-keyint=10:scenecut=0", "-c:a", "aac", "-shortest"});
+    test::dropOn(window_->findChild<QWidget*>("dropZone"), {stage(clip, "talk.mp4")});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
+    const engine::Uuid id = core_->queue().items().front().id;
+
+    click(window_->queueList()->row(id), "trimButton");
+    TrimEditorDialog* dialog = window_->trimEditorDialog();
+    ASSERT_NE(dialog, nullptr);
+    ASSERT_TRUE(waitUntil([&] { return dialog->editor().hasAudio(); }));
+    if (dialog->editor().trimmingVisually()) {
+        click(dialog, "switchToDetailed");
+    }
+    click(dialog, "useSuggestedClips");
+    ASSERT_TRUE(waitUntil([&] { return dialog->editor().clips().size() == 2; }))
+        << dialog->editor().fileMessage();
+    EXPECT_EQ(dialog->editor().fileMessage(),
+              "Suggested keep clips loaded. Review them before Apply.");
+    click(dialog, "applyEditor");
+    ASSERT_TRUE(waitUntil([&] { return window_->trimEditorDialog() == nullptr; }));
+    ASSERT_TRUE(core_->queue().items().front().pendingClips);
+
+    QTest::mouseClick(window_->chips()->chip(app::ActionID::fastCut()), Qt::LeftButton);
+    QTest::mouseClick(window_->findChild<QAbstractButton*>("convertButton"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return window_->fastCutReviewDialog() != nullptr; }));
+    FastCutReviewDialog* review = window_->fastCutReviewDialog();
+    ASSERT_TRUE(waitUntil([&] { return !review->review().loading(); }));
+    EXPECT_TRUE(review->rowText(id).contains("Clip 2: ")) << review->rowText(id).toStdString();
+    ASSERT_TRUE(review->exportButton()->isEnabled());
+    QTest::mouseClick(review->exportButton(), Qt::LeftButton);
+
+    ASSERT_TRUE(waitUntil([&] {
+        const auto& items = core_->queue().items();
+        return items.size() == 2 && items[0].isFinished() && items[1].isFinished();
+    }));
+    // About 0–2.15 s and 3.85–6.15 s were suggested; copied from the keyframes at 0 and 3 s to
+    // those at 3 and 7 s, each output holds the source's packets (10 a second) byte for byte.
+    const std::vector<std::string> source = test::videoPacketHashes(clip);
+    ASSERT_EQ(source.size(), 80U);
+    const std::vector<std::vector<std::string>> expected = {
+        {source.begin(), source.begin() + 30}, {source.begin() + 30, source.begin() + 70}};
+    for (std::size_t index = 0; index < 2; ++index) {
+        const app::QueueItem& item = core_->queue().items()[index];
+        ASSERT_EQ(item.state.kind, StateKind::done)
+            << (item.state.failure ? item.state.failure->stderrTail : "");
+        EXPECT_EQ(item.state.output.parent_path(), media_.path());
+        EXPECT_EQ(test::videoPacketHashes(item.state.output), expected[index])
+            << item.state.output;
+    }
+    EXPECT_EQ(core_->queue().items()[0].state.output.filename(), "talk-cut.mp4");
 }
 
 }  // namespace
