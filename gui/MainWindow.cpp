@@ -159,7 +159,8 @@ QWidget* MainWindow::makeQueuePane() {
     connect(&queue_, &app::QueueModel::trimChanged, this, &MainWindow::updateTrim);
     updateTrim();
 
-    sourceFacts_ = new app::SourceFactsLoader(app_.tools(), this);
+    sourceFacts_ =
+        new app::SourceFactsLoader(app_.tools(), app::SourceFactsLoader::Task::thumbnail, this);
     queueList_ = new QueueList(queue_, sourceFacts_, pane);
     connect(queueList_, &QueueList::trimRequested, this,
             [this](const engine::Uuid& id) { openTrimEditor(id); });

@@ -134,6 +134,31 @@ QueueModel::QueueModel(std::optional<engine::Tools> tools, QObject* parent)
     framesJobFactory = [this](const QueueItem& item) { return makeFramesJob(item); };
     framesOptions = [] { return engine::FrameExtractionOptions{}; };
     folderWalker = walkFolders;
+    sourceProbes_ = std::make_unique<SourceFactsLoader>(tools_, SourceFactsLoader::Task::probe);
+    connect(sourceProbes_.get(), &SourceFactsLoader::factsReady, this, [this](const QString& id) {
+        const auto uuid = engine::Uuid::fromText(id.toStdString());
+        const SourceFacts* facts = uuid ? sourceProbes_->facts(*uuid) : nullptr;
+        const QueueItem* probed = uuid ? item(*uuid) : nullptr;
+        if (facts == nullptr || probed == nullptr) {
+            return;
+        }
+        // Rows split from this one meanwhile share its source.
+        const std::filesystem::path source = probed->source;
+        for (QueueItem& row : items_) {
+            if (row.source != source) {
+                continue;
+            }
+            row.sourceWidth = facts->width;
+            row.sourceHeight = facts->height;
+            if (!row.sourceDurationSeconds) {
+                row.sourceDurationSeconds = facts->durationSeconds;
+            }
+            if (!row.sourceBytes) {
+                row.sourceBytes = facts->bytes;
+            }
+            emit itemChanged(QString::fromStdString(row.id.text()));
+        }
+    });
 }
 
 QueueModel::~QueueModel() {
@@ -346,7 +371,11 @@ void QueueModel::prepareForQuit() {
 }
 
 bool QueueModel::waitForBackgroundWork(std::chrono::milliseconds limit) {
-    return handoff_->waitUntilIdle(limit);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const bool jobs = handoff_->waitUntilIdle(limit);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    return sourceProbes_->waitUntilIdle(std::max(left, std::chrono::milliseconds(0))) && jobs;
 }
 
 void QueueModel::deliverBackgroundResults() {

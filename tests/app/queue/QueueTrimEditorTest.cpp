@@ -1,5 +1,6 @@
 // What the trim editor's Apply leaves on a row, and how the queue exports clips: separate clips
-// as one output each, kept ranges as one joined output; finished rows refuse the editor.
+// as one output each (also from a row already waiting), kept ranges as one joined output;
+// finished rows refuse the editor. Rows carry the facts of the queue's probe of their source.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -36,6 +37,12 @@ TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutp
     ASSERT_TRUE(test::waitFor([&] { return queue.items().size() == 2; }));
     const engine::Uuid first = queue.items()[0].id;
     const engine::Uuid second = queue.items()[1].id;
+    // The queue probes each new source once for what its row shows.
+    ASSERT_TRUE(test::waitFor([&] { return queue.item(second)->sourceWidth.has_value(); }));
+    EXPECT_EQ(queue.item(second)->sourceWidth, 160);
+    EXPECT_EQ(queue.item(second)->sourceHeight, 120);
+    EXPECT_NEAR(queue.item(second)->sourceDurationSeconds.value_or(0), 10.0, 0.1);
+    EXPECT_EQ(queue.item(second)->sourceBytes, static_cast<int64_t>(fs::file_size(joined)));
 
     const std::optional<TrimEditorRequest> request = queue.trimEditorRequest(first);
     ASSERT_TRUE(request.has_value());
