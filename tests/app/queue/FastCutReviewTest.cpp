@@ -184,7 +184,10 @@ TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutRe
     clips.clips = {engine::ClipSelection(engine::Trim{"6", "7"}, "Intro"),
                    engine::ClipSelection(engine::Trim{"16", "17"}, "")};
     ASSERT_TRUE(queue->applyTrimEditor(separateID, clips));
-    clips.mode = ClipExportMode::keep;
+    // Taking 4–11 out keeps 0–4 and 11–20, planned 0–5 and 10–20 and joined (keeping ranges
+    // joins them the same way).
+    clips.mode = ClipExportMode::remove;
+    clips.clips = {engine::ClipSelection(engine::Trim{"4", "11"}, "")};
     ASSERT_TRUE(queue->applyTrimEditor(joinedID, clips));
 
     // No batch trim: the clips are what is cut.
@@ -197,7 +200,8 @@ TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutRe
     ASSERT_EQ(review->plans().at(separateID).size(), 2U);
     ASSERT_EQ(review->plans().at(joinedID).size(), 2U);
     EXPECT_THAT(review->statusText(separateID), HasSubstr("\nClip 2: Selected 16.000–17.000 s"));
-    EXPECT_THAT(review->statusText(joinedID), HasSubstr("One joined output of 2 parts."));
+    EXPECT_THAT(review->statusText(joinedID),
+                HasSubstr("One joined output of 2 parts.\nPart 1: Selected 0.000–4.000 s"));
     EXPECT_TRUE(queue->isFastCutReviewCurrent(review->request()));
     review->exportReady();
 
@@ -212,7 +216,7 @@ TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutRe
     EXPECT_EQ(rows[2].id, joinedID);
     ASSERT_TRUE(rows[2].kind && std::holds_alternative<JobKind::FastCutJoin>(rows[2].kind->value));
     // Each output is a copy: it holds the source's packets (25 a second) of its planned range,
-    // byte for byte; the join may repeat the stream's parameters in a piece's first packet.
+    // byte for byte.
     const std::vector<std::string> source = test::videoPacketHashes(separate);
     ASSERT_EQ(source.size(), 500U);
     const auto range = [&](int from, int to) {
@@ -221,15 +225,21 @@ TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutRe
     EXPECT_EQ(test::videoPacketHashes(rows[0].state.output), range(125, 250));
     EXPECT_EQ(test::videoPacketHashes(rows[1].state.output), range(375, 500));
     EXPECT_EQ(rows[2].state.output, dir / "joined-cut.mp4");
-    EXPECT_NEAR(videoSeconds(rows[2].state.output), 10.0, 0.1);
-    std::vector<std::string> joinedPackets = test::videoPacketHashes(rows[2].state.output);
-    ASSERT_EQ(joinedPackets.size(), 250U);
-    joinedPackets.erase(joinedPackets.begin() + 125);
-    joinedPackets.erase(joinedPackets.begin());
-    std::vector<std::string> expected = range(126, 250);
-    const std::vector<std::string> second = range(376, 500);
-    expected.insert(expected.end(), second.begin(), second.end());
-    EXPECT_EQ(joinedPackets, expected);
+    EXPECT_NEAR(videoSeconds(rows[2].state.output), 15.0, 0.1);
+    // The join repeats the stream's parameters in the keyframes (every 125th packet) of the
+    // pieces after the first; every other packet is the source's own.
+    const std::vector<std::string> joinedPackets = test::videoPacketHashes(rows[2].state.output);
+    ASSERT_EQ(joinedPackets.size(), 375U);
+    std::vector<std::string> copied;
+    std::vector<std::string> expected;
+    for (int index = 0; index < 375; ++index) {
+        const int from = index < 125 ? index : index + 125;  // 0–5 s, then 10–20 s
+        if (from % 125 != 0) {
+            copied.push_back(joinedPackets[static_cast<std::size_t>(index)]);
+            expected.push_back(source[static_cast<std::size_t>(from)]);
+        }
+    }
+    EXPECT_EQ(copied, expected);
 }
 
 TEST_F(FastCutReviewTest, AFileWithoutATrimIsRefusedAndNotReviewed) {
