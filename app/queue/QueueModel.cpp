@@ -348,6 +348,7 @@ void QueueModel::clearFinished() {
 void QueueModel::prepareForQuit() {
     requireMainThread();
     isShuttingDown_ = true;
+    sourceProbes_->close();
     if (scan_) {
         scan_->cancel->cancel();
     }

@@ -117,6 +117,10 @@ SourceFactsLoader::~SourceFactsLoader() {
     (void)handoff_->waitUntilIdle(kCloseWait);
 }
 
+void SourceFactsLoader::close() {
+    pending_->close();
+}
+
 void SourceFactsLoader::deliverBackgroundResults() {
     for (const MainThreadHandoff::Completion& completion : handoff_->take()) {
         completion();
@@ -138,6 +142,9 @@ void SourceFactsLoader::request(const engine::Uuid& id, const std::filesystem::p
     }
     {
         std::lock_guard lock(pending_->mutex);
+        if (pending_->closed) {
+            return;
+        }
         pending_->files.emplace_back(id, source);
         if (pending_->working) {
             return;

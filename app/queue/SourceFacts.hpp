@@ -52,6 +52,8 @@ public:
 
     // Asks for the facts of row `id` once; later calls for the same id do nothing.
     void request(const engine::Uuid& id, const std::filesystem::path& source);
+    // Stops the tool now running and drops what waits; nothing is looked at from then on.
+    void close();
     // The facts of row `id` once they came, or nothing.
     [[nodiscard]] const SourceFacts* facts(const engine::Uuid& id) const;
 
