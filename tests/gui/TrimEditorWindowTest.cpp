@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QLabel>
+#include <QLineEdit>
 #include <QPushButton>
 #include <QScrollBar>
 #include <QTest>
@@ -29,15 +31,7 @@ namespace fs = std::filesystem;
 using test::waitUntil;
 using StateKind = app::QueueItem::StateKind;
 
-class TrimEditorWindowTest : public test::WindowTest {
-protected:
-    static void click(QWidget* parent, const char* name) {
-        auto* button = parent->findChild<QAbstractButton*>(name);
-        ASSERT_NE(button, nullptr) << name;
-        ASSERT_TRUE(button->isVisible() && button->isEnabled()) << name;
-        QTest::mouseClick(button, Qt::LeftButton);
-    }
-};
+using TrimEditorWindowTest = test::WindowTest;
 
 // Inside the list's viewport from left to right, and shown.
 bool fullyShown(QWidget* widget, QWidget* viewport) {
@@ -77,10 +71,7 @@ TEST_F(TrimEditorWindowTest, AFinishedRowWithALongNameKeepsItsButtonsAtTheMinimu
 }
 
 TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesToTheRow) {
-    const fs::path clip = test::makeClip(
-        "keyframes-every-1s.mp4", {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4",
-                                   "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p",
-                                   "-x264-params", "keyint=10:min-keyint=10:scenecut=0"});
+    const fs::path clip = test::testClip(test::TestClip::keyframesEverySecond);
     test::dropOn(window_->findChild<QWidget*>("dropZone"), {stage(clip, "talk.mp4")});
     ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
     const engine::Uuid id = core_->queue().items().front().id;
@@ -160,7 +151,7 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
         << subtitle->fullText().toStdString();
 }
 
-TEST_F(TrimEditorWindowTest, SuggestedClipsAreExportedByFastCutAsStreamCopies) {
+TEST_F(TrimEditorWindowTest, SuggestedClipsAreReviewedAndExportedByFastCutAsStreamCopies) {
     // 8 s with a keyframe every second; the tone is silent from 2 to 4 s and from 6 s on.
     const fs::path clip = test::makeClip(
         "paused-tone-keyframes-1s.mp4",
@@ -169,9 +160,15 @@ TEST_F(TrimEditorWindowTest, SuggestedClipsAreExportedByFastCutAsStreamCopies) {
          "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]", "-map", "0:v", "-map", "[a]",
          "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
          "keyint=10:min-keyint=10:scenecut=0", "-c:a", "aac", "-shortest"});
-    test::dropOn(window_->findChild<QWidget*>("dropZone"), {stage(clip, "talk.mp4")});
-    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; }));
-    const engine::Uuid id = core_->queue().items().front().id;
+    test::dropOn(window_->findChild<QWidget*>("dropZone"),
+                 {stage(clip, "talk.mp4"),
+                  stage(test::testClip(test::TestClip::vp9Opus), "web.webm")});
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
+    const engine::Uuid id = core_->queue().items()[0].id;
+    const engine::Uuid web = core_->queue().items()[1].id;
+    // The batch trim is for the other file: a row's own clips win over it.
+    QTest::keyClicks(window_->findChild<QLineEdit*>("trimStart"), "0.5");
+    QTest::keyClicks(window_->findChild<QLineEdit*>("trimEnd"), "0.8");
 
     click(window_->queueList()->row(id), "trimButton");
     TrimEditorDialog* dialog = window_->trimEditorDialog();
@@ -193,15 +190,37 @@ TEST_F(TrimEditorWindowTest, SuggestedClipsAreExportedByFastCutAsStreamCopies) {
     QTest::mouseClick(window_->findChild<QAbstractButton*>("convertButton"), Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return window_->fastCutReviewDialog() != nullptr; }));
     FastCutReviewDialog* review = window_->fastCutReviewDialog();
+    EXPECT_TRUE(review->isModal());
     ASSERT_TRUE(waitUntil([&] { return !review->review().loading(); }));
+    EXPECT_FALSE(review->findChild<QWidget*>("planningText")->isVisible());
     EXPECT_TRUE(review->rowText(id).contains("Clip 2: ")) << review->rowText(id).toStdString();
+    EXPECT_EQ(
+        review->rowText(web),
+        QString(engine::FastCut::Failure(engine::FastCut::Failure::Kind::unsupported).what()));
+    auto chooseButton = [&](const engine::Uuid& row) {
+        return review->findChild<QWidget*>(QString::fromStdString("reviewRow:" + row.text()))
+            ->findChild<QPushButton*>("chooseConversionButton");
+    };
+    EXPECT_FALSE(chooseButton(id)->isVisible());
+    EXPECT_TRUE(chooseButton(web)->isVisible());
+    EXPECT_EQ(chooseButton(web)->text(), QString("Choose conversion preset…"));
+    EXPECT_EQ(review->findChild<QLabel*>("closingText")->text(),
+              QString("Only reviewed, ready files will start. Other files stay in the queue. "
+                      "Export still checks that the source and boundaries have not changed and "
+                      "that the cut decodes."));
+    EXPECT_FALSE(review->findChild<QWidget*>("acceptWholeFile")->isVisible());
+    EXPECT_FALSE(review->findChild<QWidget*>("reviewChanged")->isVisible());
+    test::screenshotAtBothScales(review, "fast-cut-review");
     ASSERT_TRUE(review->exportButton()->isEnabled());
     QTest::mouseClick(review->exportButton(), Qt::LeftButton);
 
+    EXPECT_TRUE(waitUntil([&] { return window_->fastCutReviewDialog() == nullptr; }));
     ASSERT_TRUE(waitUntil([&] {
         const auto& items = core_->queue().items();
-        return items.size() == 2 && items[0].isFinished() && items[1].isFinished();
+        return items.size() == 3 && items[0].isFinished() && items[1].isFinished();
     }));
+    // Only the reviewed, ready file started; the other waits for an action.
+    EXPECT_EQ(window_->queueList()->row(web)->stateText(), QString("Waiting for an action"));
     // About 0–2.15 s and 3.85–6.15 s were suggested; copied from the keyframes at 0 and 3 s to
     // those at 3 and 7 s, each output holds the source's packets (10 a second) byte for byte.
     const std::vector<std::string> source = test::videoPacketHashes(clip);
@@ -217,6 +236,7 @@ TEST_F(TrimEditorWindowTest, SuggestedClipsAreExportedByFastCutAsStreamCopies) {
             << item.state.output;
     }
     EXPECT_EQ(core_->queue().items()[0].state.output.filename(), "talk-cut.mp4");
+    EXPECT_EQ(window_->queueList()->row(id)->stateText(), QString("Fast cut"));
 }
 
 }  // namespace

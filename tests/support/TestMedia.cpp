@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "engine/probe/MediaProbe.hpp"
 #include "engine/process/ProcessRunner.hpp"
 
 namespace tessarin::test {
@@ -198,6 +199,11 @@ fs::path testClip(TestClip clip) {
                      kX264,
                      kAac,
                      {"-movflags", "+faststart", "-shortest"}}));
+        case TestClip::keyframesEverySecond:
+            return makeClip("keyframes-every-1s.mp4",
+                            {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4",
+                             "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p",
+                             "-x264-params", "keyint=10:min-keyint=10:scenecut=0"});
         case TestClip::keyframesEvery5s:
             return makeClip("keyframes-every-5s.mp4",
                             {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=20", "-f",
@@ -207,6 +213,12 @@ fs::path testClip(TestClip clip) {
                              "aac", "-shortest"});
     }
     throw std::logic_error("unknown test clip");
+}
+
+engine::MediaInfo probeFile(const fs::path& file) {
+    engine::ProcessRunner runner;
+    return engine::MediaProbe::probe(file, helperTools(), engine::MediaInputPolicy::unrestricted,
+                                     runner);
 }
 
 std::vector<std::string> videoPacketHashes(const fs::path& file) {

@@ -80,11 +80,7 @@ protected:
     }
 
     static double videoSeconds(const fs::path& file) {
-        engine::ProcessRunner runner;
-        const engine::MediaInfo info =
-            engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
-                                      engine::MediaInputPolicy::unrestricted, runner);
-        return info.videoDuration.value_or(0);
+        return test::probeFile(file).videoDuration.value_or(0);
     }
 
     test::TempDir dir;
@@ -242,18 +238,17 @@ TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutRe
     EXPECT_EQ(copied, expected);
 }
 
-TEST_F(FastCutReviewTest, AFileWithoutATrimIsRefusedAndNotReviewed) {
-    const fs::path talk = test::copyClip(keyframeClip(), dir / "talk.mp4");
+TEST_F(FastCutReviewTest, NoTrimIsRefusedAndAPlanOfTheWholeVideoIsReadyOnlyWhenAccepted) {
+    const fs::path talk = test::copyClip(keyframeClip(), dir / "whole.mp4");
+    // Without any trim there is nothing to review: the file stays staged, with the sentence.
     convertUnderFastCut({talk}, "", "");
     EXPECT_FALSE(queue->fastCutReview());
     EXPECT_EQ(queue->intakeNotice(),
               "Fix the batch trim or set this file's own trim before Fast cut.");
     EXPECT_EQ(itemFor(talk).state.kind, Kind::needsPreset);
-}
 
-TEST_F(FastCutReviewTest, APlanOfTheWholeVideoIsReadyOnlyWhenAccepted) {
-    const fs::path talk = test::copyClip(keyframeClip(), dir / "whole.mp4");
-    convertUnderFastCut({talk}, "0", "17");
+    queue->setTrim("0", "17");
+    queue->start();
     std::unique_ptr<FastCutReview> review = plannedReview();
     ASSERT_NE(review, nullptr);
     const engine::Uuid id = itemFor(talk).id;

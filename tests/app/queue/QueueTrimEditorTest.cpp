@@ -7,7 +7,6 @@
 #include <filesystem>
 
 #include "app/queue/QueueModel.hpp"
-#include "engine/probe/MediaProbe.hpp"
 #include "tests/app/queue/QueueTestSupport.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
 #include "tests/support/TempDir.hpp"
@@ -20,10 +19,7 @@ namespace fs = std::filesystem;
 using Kind = QueueItem::StateKind;
 
 double durationOf(const fs::path& file) {
-    engine::ProcessRunner runner;
-    return engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
-                                     engine::MediaInputPolicy::unrestricted, runner)
-        .durationSeconds.value_or(-1);
+    return test::probeFile(file).durationSeconds.value_or(-1);
 }
 
 TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutput) {
