@@ -153,14 +153,13 @@ std::vector<WorkItem> workItems(const std::vector<FileCuts>& files, const JobCon
                 pieces.push_back(
                     {std::get<engine::MediaTask::FastCut>(cut.task.kind).trim, *cut.fastCutPlan});
             }
-            items.push_back({file.source, "cut join",
-                             [file, pieces, context](const WorkCallbacks& callbacks) {
-                                 auto join = std::make_shared<engine::JoinedFastCut>(
-                                     fs::absolute(file.source), pieces, context.tools,
-                                     context.outputDirectory);
-                                 context.interruption.watch(join);
-                                 return Published{join->run(callbacks)};
-                             }});
+            items.push_back(
+                {file.source, "cut join", [file, pieces, context](const WorkCallbacks& callbacks) {
+                     auto join = std::make_shared<engine::JoinedFastCut>(
+                         fs::absolute(file.source), pieces, context.tools, context.outputDirectory);
+                     context.interruption.watch(join);
+                     return Published{join->run(callbacks)};
+                 }});
         } else {
             for (WorkItem& item : jobItems(file.cuts, context)) {
                 items.push_back(std::move(item));

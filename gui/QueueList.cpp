@@ -8,8 +8,7 @@
 
 namespace tessarin::gui {
 
-QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* thumbnails,
-                     QWidget* parent)
+QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* thumbnails, QWidget* parent)
     : QScrollArea(parent),
       queue_(queue),
       thumbnails_(thumbnails),

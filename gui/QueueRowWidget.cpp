@@ -131,8 +131,8 @@ void QueueRowWidget::update(const app::QueueItem& item) {
     name_->setToolTip(qpath(item.source));
     subtitle_->setFullText(subtitleText(item));
     subtitle_->setVisible(!subtitle_->fullText().isEmpty());
-    const app::SourceFacts facts{item.sourceDurationSeconds, item.sourceWidth, item.sourceHeight,
-                                 item.sourceBytes, {}};
+    const app::SourceFacts facts{
+        item.sourceDurationSeconds, item.sourceWidth, item.sourceHeight, item.sourceBytes, {}};
     facts_->setFullText(qs(facts.summary()));
     facts_->setVisible(!facts_->fullText().isEmpty());
     QString state = qs(item.stateLabel());

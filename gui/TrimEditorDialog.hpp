@@ -1,7 +1,8 @@
 // The trim editor's window over a TrimEditor: a player whose timeline carries the playhead and
-// the start and end handles that the Trim control confirms, frame and keyframe stepping, the waveform of the visible window under the
-// timeline, the clip list with its fields and row messages, and Apply. When the player can't
-// show the source it says so, and the time fields and clip tools do the work.
+// the start and end handles that the Trim control confirms, frame and keyframe stepping, the
+// waveform of the visible window under the timeline, the clip list with its fields and row
+// messages, and Apply. When the player can't show the source it says so, and the time fields and
+// clip tools do the work.
 #pragma once
 
 #include <QDialog>

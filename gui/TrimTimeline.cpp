@@ -13,8 +13,8 @@ namespace tessarin::gui {
 
 namespace {
 
-constexpr int kMargin = 8;     // room for a handle at either end of the track
-constexpr int kGrab = 6;       // how near a handle a press must land to take it
+constexpr int kMargin = 8;  // room for a handle at either end of the track
+constexpr int kGrab = 6;    // how near a handle a press must land to take it
 constexpr int kHandleWidth = 6;
 
 QString secondsText(double seconds) {
@@ -237,11 +237,12 @@ void TrimTimeline::updateAccessibleText() {
     const QString part = active_ == Part::start ? tr("Start handle")
                          : active_ == Part::end ? tr("End handle")
                                                 : tr("Playhead");
-    setAccessibleDescription(tr("%1 selected. Playhead %2, start %3, end %4.")
-                                 .arg(part, secondsText(playhead_), secondsText(start_),
-                                      secondsText(end_)));
-    setToolTip(tr("Drag the handles to choose the range, then click Trim. Keys: Up/Down choose "
-                  "playhead or handle, Left/Right step, I and O set start and end here."));
+    setAccessibleDescription(
+        tr("%1 selected. Playhead %2, start %3, end %4.")
+            .arg(part, secondsText(playhead_), secondsText(start_), secondsText(end_)));
+    setToolTip(
+        tr("Drag the handles to choose the range, then click Trim. Keys: Up/Down choose "
+           "playhead or handle, Left/Right step, I and O set start and end here."));
 }
 
 void TrimTimeline::paintEvent(QPaintEvent* /*event*/) {
@@ -266,10 +267,10 @@ void TrimTimeline::paintEvent(QPaintEvent* /*event*/) {
         const bool focused = hasFocus() && active_ == part;
         painter.setBrush(enabled ? colours.color(QPalette::HighlightedText)
                                  : colours.color(QPalette::Midlight));
-        painter.setPen(QPen(colours.color(focused ? QPalette::Highlight : QPalette::Dark),
-                            focused ? 2 : 1));
-        painter.drawRect(QRect(x - kHandleWidth / 2, rect().top() + 4, kHandleWidth,
-                               rect().height() - 8));
+        painter.setPen(
+            QPen(colours.color(focused ? QPalette::Highlight : QPalette::Dark), focused ? 2 : 1));
+        painter.drawRect(
+            QRect(x - kHandleWidth / 2, rect().top() + 4, kHandleWidth, rect().height() - 8));
     };
     drawHandle(Part::start);
     drawHandle(Part::end);

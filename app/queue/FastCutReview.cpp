@@ -53,8 +53,9 @@ const char* probeFailureSentence(engine::MediaProbeError::Kind kind) {
 using Outcome = std::variant<FastCutReview::Plans::mapped_type, std::string>;
 
 bool keepsWholeVideo(const std::vector<FastCutReview::Piece>& pieces) {
-    return std::any_of(pieces.begin(), pieces.end(),
-                       [](const FastCutReview::Piece& piece) { return piece.plan.keepsWholeVideo(); });
+    return std::any_of(pieces.begin(), pieces.end(), [](const FastCutReview::Piece& piece) {
+        return piece.plan.keepsWholeVideo();
+    });
 }
 
 }  // namespace
@@ -110,9 +111,8 @@ struct FastCutReview::Planning {
             };
             std::vector<FastCutReview::Piece> pieces;
             if (!entry.clips) {
-                pieces.push_back(
-                    {entry.trim, engine::FastCut::plan(entry.source, entry.trim, info, tools,
-                                                       installed)});
+                pieces.push_back({entry.trim, engine::FastCut::plan(entry.source, entry.trim, info,
+                                                                    tools, installed)});
             } else if (entry.clipMode == ClipExportMode::separate) {
                 for (const engine::ClipSelection& clip : *entry.clips) {
                     if (isCancelled()) {
@@ -123,8 +123,8 @@ struct FastCutReview::Planning {
                 }
             } else {
                 pieces = engine::JoinedFastCut::plan(entry.source, *entry.clips,
-                                                     entry.clipMode == ClipExportMode::remove,
-                                                     info, tools, installed);
+                                                     entry.clipMode == ClipExportMode::remove, info,
+                                                     tools, installed);
             }
             return pieces;
         } catch (const engine::FastCut::Failure& failure) {
@@ -267,8 +267,9 @@ std::string FastCutReview::statusText(const engine::Uuid& id) const {
         return failure->second;
     }
     if (const auto plan = plans_.find(id); plan != plans_.end()) {
-        const auto entry = std::find_if(request_.entries.begin(), request_.entries.end(),
-                                        [&id](const auto& candidate) { return candidate.id == id; });
+        const auto entry =
+            std::find_if(request_.entries.begin(), request_.entries.end(),
+                         [&id](const auto& candidate) { return candidate.id == id; });
         const bool clips = entry != request_.entries.end() && entry->clips;
         const bool joined = clips && entry->clipMode != ClipExportMode::separate;
         std::string text;

@@ -209,8 +209,9 @@ void QueueModel::exportFastCut(const engine::Uuid& requestID, bool acceptWholeFi
             cut.state = {QueueItem::StateKind::waiting, {}, {}, {}};
             rows.push_back(std::move(cut));
         }
-        const auto at = items_.erase(std::find_if(
-            items_.begin(), items_.end(), [&entry](const QueueItem& it) { return it.id == entry.id; }));
+        const auto at =
+            items_.erase(std::find_if(items_.begin(), items_.end(),
+                                      [&entry](const QueueItem& it) { return it.id == entry.id; }));
         items_.insert(at, rows.begin(), rows.end());
         ++exported;
     }

@@ -69,8 +69,8 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
                 return conversion(engine::MediaTask::fastCut(kind.trim), nullptr, kind.plan);
             },
             [&](const JobKind::FastCutJoin& kind) -> std::shared_ptr<QueueJob> {
-                return std::make_shared<JoinedFastCutQueueJob>(item.source, kind.pieces,
-                                                               *tools_, outputDirectory);
+                return std::make_shared<JoinedFastCutQueueJob>(item.source, kind.pieces, *tools_,
+                                                               outputDirectory);
             },
             [&](const JobKind::Transcribe&) { return fromFactory(transcriptionJobFactory); },
             [&](const JobKind::Frames&) { return fromFactory(framesJobFactory); },

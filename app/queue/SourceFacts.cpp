@@ -38,9 +38,8 @@ SourceFacts gather(const std::filesystem::path& source, const std::optional<engi
     SourceFacts facts;
     if (task == SourceFactsLoader::Task::thumbnail) {
         if (tools) {
-            facts.thumbnailPng = engine::Thumbnail::render(source, *tools, 0,
-                                                           SourceFactsLoader::kThumbnailWidth,
-                                                           runner)
+            facts.thumbnailPng = engine::Thumbnail::render(
+                                     source, *tools, 0, SourceFactsLoader::kThumbnailWidth, runner)
                                      .value_or("");
         }
         return facts;
@@ -103,8 +102,7 @@ struct SourceFactsLoader::Pending {
     }
 };
 
-SourceFactsLoader::SourceFactsLoader(std::optional<engine::Tools> tools, Task task,
-                                     QObject* parent)
+SourceFactsLoader::SourceFactsLoader(std::optional<engine::Tools> tools, Task task, QObject* parent)
     : QObject(parent),
       tools_(std::move(tools)),
       task_(task),

@@ -203,9 +203,8 @@ fs::path JoinedFastCut::runInWorkFolder(const ConversionJob::Callbacks& callback
     if (cancelled()) {
         throw JobFailure::cancelled("publish");
     }
-    const fs::path published =
-        publishUnderFreeName(joined, source_, outputNaming(MediaTask::fastCut({})),
-                             outputDirectory_, cancelled);
+    const fs::path published = publishUnderFreeName(
+        joined, source_, outputNaming(MediaTask::fastCut({})), outputDirectory_, cancelled);
     report(1.0);
     return published;
 }

@@ -80,10 +80,10 @@ private:
     const std::optional<std::filesystem::path> outputDirectory_;
 
     mutable std::mutex mutex_;
-    bool cancelled_ = false;                  // guarded by mutex_
+    bool cancelled_ = false;                          // guarded by mutex_
     double grace_ = ConversionJob::kUserCancelGrace;  // guarded by mutex_
-    std::shared_ptr<ConversionJob> job_;      // guarded by mutex_
-    std::shared_ptr<ProcessRunner> runner_;   // guarded by mutex_
+    std::shared_ptr<ConversionJob> job_;              // guarded by mutex_
+    std::shared_ptr<ProcessRunner> runner_;           // guarded by mutex_
 };
 
 }  // namespace tessarin::engine

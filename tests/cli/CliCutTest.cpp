@@ -30,7 +30,9 @@ constexpr const char* kUnsupported =
     "Fast cut supports H.264 video with AAC audio or no audio in MP4/MOV files with a zero-based "
     "video timeline. Use a conversion preset for this source.";
 
-fs::path keyframeClip() { return test::testClip(test::TestClip::keyframesEvery5s); }
+fs::path keyframeClip() {
+    return test::testClip(test::TestClip::keyframesEvery5s);
+}
 
 // H.264 in MP4, but with MP3 audio.
 const fs::path& mp3Clip() {

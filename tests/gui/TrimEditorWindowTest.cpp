@@ -154,15 +154,34 @@ TEST_F(TrimEditorWindowTest, TheEditorStepsToAKeyframeSetsStartAndEndAndAppliesT
 TEST_F(TrimEditorWindowTest, SuggestedClipsAreReviewedAndExportedByFastCutAsStreamCopies) {
     // 8 s with a keyframe every second; the tone is silent from 2 to 4 s and from 6 s on.
     const fs::path clip = test::makeClip(
-        "paused-tone-keyframes-1s.mp4",
-        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=8", "-f", "lavfi", "-i",
-         "sine=frequency=440:sample_rate=48000:duration=8", "-filter_complex",
-         "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]", "-map", "0:v", "-map", "[a]",
-         "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
-         "keyint=10:min-keyint=10:scenecut=0", "-c:a", "aac", "-shortest"});
-    test::dropOn(window_->findChild<QWidget*>("dropZone"),
-                 {stage(clip, "talk.mp4"),
-                  stage(test::testClip(test::TestClip::vp9Opus), "web.webm")});
+        "paused-tone-keyframes-1s.mp4", {"-f",
+                                         "lavfi",
+                                         "-i",
+                                         "testsrc2=size=160x120:rate=10:duration=8",
+                                         "-f",
+                                         "lavfi",
+                                         "-i",
+                                         "sine=frequency=440:sample_rate=48000:duration=8",
+                                         "-filter_complex",
+                                         "[1:a]volume=enable='between(t,2,4)+gte(t,6)':volume=0[a]",
+                                         "-map",
+                                         "0:v",
+                                         "-map",
+                                         "[a]",
+                                         "-c:v",
+                                         "libx264",
+                                         "-preset",
+                                         "ultrafast",
+                                         "-pix_fmt",
+                                         "yuv420p",
+                                         "-x264-params",
+                                         "keyint=10:min-keyint=10:scenecut=0",
+                                         "-c:a",
+                                         "aac",
+                                         "-shortest"});
+    test::dropOn(
+        window_->findChild<QWidget*>("dropZone"),
+        {stage(clip, "talk.mp4"), stage(test::testClip(test::TestClip::vp9Opus), "web.webm")});
     ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
     const engine::Uuid id = core_->queue().items()[0].id;
     const engine::Uuid web = core_->queue().items()[1].id;
@@ -232,8 +251,7 @@ TEST_F(TrimEditorWindowTest, SuggestedClipsAreReviewedAndExportedByFastCutAsStre
         ASSERT_EQ(item.state.kind, StateKind::done)
             << (item.state.failure ? item.state.failure->stderrTail : "");
         EXPECT_EQ(item.state.output.parent_path(), media_.path());
-        EXPECT_EQ(test::videoPacketHashes(item.state.output), expected[index])
-            << item.state.output;
+        EXPECT_EQ(test::videoPacketHashes(item.state.output), expected[index]) << item.state.output;
     }
     EXPECT_EQ(core_->queue().items()[0].state.output.filename(), "talk-cut.mp4");
     EXPECT_EQ(window_->queueList()->row(id)->stateText(), QString("Fast cut"));

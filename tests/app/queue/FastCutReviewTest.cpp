@@ -27,7 +27,9 @@ using test::waitFor;
 using ::testing::HasSubstr;
 using Kind = QueueItem::StateKind;
 
-fs::path keyframeClip() { return test::testClip(test::TestClip::keyframesEvery5s); }
+fs::path keyframeClip() {
+    return test::testClip(test::TestClip::keyframesEvery5s);
+}
 
 const char* unsupportedSentence() {
     return engine::FastCut::Failure(engine::FastCut::Failure::Kind::unsupported).what();

@@ -102,9 +102,11 @@ TEST(QueueTrimEditor, AWaitingConversionTakesSeparateClipsAsOneWaitingRowEach) {
                        {"-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=30:duration=40", "-c:v",
                         "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"}),
         dir / "busy.mp4");
-    const fs::path talk = test::copyClip(test::testClip(test::TestClip::pausedTone), dir / "talk.mp4");
+    const fs::path talk =
+        test::copyClip(test::testClip(test::TestClip::pausedTone), dir / "talk.mp4");
     QueueModel queue(engine::Tools::inBundle(test::helperDirectory()));
-    ASSERT_TRUE(queue.intake(test::urlsOf({busy, talk}), test::withAction(ActionID::preset("mp4-h264"))));
+    ASSERT_TRUE(
+        queue.intake(test::urlsOf({busy, talk}), test::withAction(ActionID::preset("mp4-h264"))));
     ASSERT_EQ(queue.items().size(), 2U);
     ASSERT_EQ(queue.items()[0].state.kind, Kind::running);
     const engine::Uuid waiting = queue.items()[1].id;

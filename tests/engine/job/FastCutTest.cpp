@@ -19,7 +19,9 @@ using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-fs::path keyframeClip() { return testClip(TestClip::keyframesEvery5s); }
+fs::path keyframeClip() {
+    return testClip(TestClip::keyframesEvery5s);
+}
 
 MediaInfo probeWithChapters(const fs::path& source) {
     ProcessRunner runner;
@@ -39,7 +41,6 @@ std::optional<FastCut::Failure::Kind> planFailure(const fs::path& source, const 
     }
     return std::nullopt;
 }
-
 
 TEST(FastCutPlan, SnapsOutwardToKeyframesAndSaysWhatItAdds) {
     const FastCut::Plan plan = planFor(keyframeClip(), Trim{"7", "13"});

@@ -68,7 +68,6 @@ std::unique_ptr<ConversionJob> makeJob(const JobSandbox& sandbox, const fs::path
         EncoderCapabilityPolicy{SoftwareHEVCSource::privateBundled}, sandbox.outputs());
 }
 
-
 int64_t countVideoFrames(const fs::path& path) {
     ProcessRunner runner;
     const ProcessResult result =
