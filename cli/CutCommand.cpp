@@ -33,14 +33,13 @@ struct CutRanges {
     std::optional<engine::Trim> trim;
     std::vector<ClipSelection> segments;
     bool joined = false;
+    bool removing = false;  // joined: what is left once the segments are taken out
 };
 
 CutRanges parseRanges(const RangeOptions& options, std::size_t fileCount) {
     checkRangeOptions(options, fileCount);
-    if (options.join && *options.join != "keep") {
-        throw UsageError(
-            "A cut can only keep segments (--join keep); `tessarin convert --join remove` takes "
-            "ranges out.");
+    if (options.join && *options.join != "keep" && *options.join != "remove") {
+        throw UsageError("--join takes keep or remove.");
     }
     if (!options.trim && options.segments.empty() && !options.clipList) {
         throw UsageError("A cut needs --trim, --segment or --clip-list.");
@@ -51,6 +50,7 @@ CutRanges parseRanges(const RangeOptions& options, std::size_t fileCount) {
     }
     ranges.segments = parseSegments(options);
     ranges.joined = options.join.has_value();
+    ranges.removing = options.join == "remove";
     return ranges;
 }
 
@@ -84,7 +84,7 @@ public:
                                         "cut " + part, part));
             }
         } else {
-            file.cuts = joinedPieces(source, ranges.segments);
+            file.cuts = joinedPieces(source, ranges.segments, ranges.removing);
         }
         return file;
     }
@@ -112,12 +112,13 @@ private:
         return {source, task, label, planned};
     }
 
-    // The segments sorted and merged as a convert join keeps them, each planned (see
-    // JoinedFastCut::plan).
+    // The ranges a convert join keeps (the segments, or what is left without them), each
+    // planned (see JoinedFastCut::plan).
     std::vector<PlannedJob> joinedPieces(const fs::path& source,
-                                         const std::vector<ClipSelection>& segments) {
+                                         const std::vector<ClipSelection>& segments,
+                                         bool removing) {
         const std::vector<engine::JoinedFastCut::Piece> pieces = engine::JoinedFastCut::plan(
-            source_, segments, /*removing=*/false, info_, tools_,
+            source_, segments, removing, info_, tools_,
             [this](std::shared_ptr<engine::ProcessRunner> runner) { interruption_.watch(runner); });
         std::vector<PlannedJob> cuts;
         for (std::size_t index = 0; index < pieces.size(); ++index) {

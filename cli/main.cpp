@@ -79,9 +79,10 @@ int main(int argc, char** argv) {
     CutRequest cut;
     CLI::App* cutCommand = app.add_subcommand(
         "cut", "Cut without re-encoding, on keyframes: plan, review, then export");
-    // Any --join value reaches the command, which explains why only keep is offered.
     addRangeOptions(*cutCommand, cut.ranges, "cut",
-                    "keep: the segments one after another in one file");
+                    "keep: the segments one after another in one file; remove: the rest of the "
+                    "video without them")
+        ->check(CLI::IsMember({"keep", "remove"}));
     cutCommand->add_flag("--yes", cut.yes, "Export the plans without asking");
     addOutputOptions(*cutCommand, cut.outputDirectory, cut.json, cut.files, "Files to cut");
 
@@ -113,8 +114,8 @@ int main(int argc, char** argv) {
                      "Videos to read");
 
     TranscribeModelsRequest transcribeModels;
-    CLI::App* transcribe =
-        app.add_subcommand("transcribe", "Transcription with OpenRouter (needs OPENROUTER_API_KEY)");
+    CLI::App* transcribe = app.add_subcommand(
+        "transcribe", "Transcription with OpenRouter (needs OPENROUTER_API_KEY)");
     transcribe->require_subcommand(1);
     CLI::App* models = transcribe->add_subcommand(
         "models", "List the transcription models: route, price unit, enabled");
@@ -133,10 +134,9 @@ int main(int argc, char** argv) {
         "recover", "Save unfinished recordings (all, or one) to their recording folder");
     recoverRecordings->add_option("TAKE", recordings.take, "A recording id from `list`");
     recoverRecordings->add_flag("--json", recordings.json, "One JSON object per event on stdout");
-    CLI::App* discardRecording = recordingsCommand->add_subcommand(
-        "discard", "Move one unfinished recording to the Trash");
-    discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")
-        ->required();
+    CLI::App* discardRecording =
+        recordingsCommand->add_subcommand("discard", "Move one unfinished recording to the Trash");
+    discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")->required();
 
     SilenceRequest silence;
     CLI::App* silenceCommand = app.add_subcommand(
@@ -186,7 +186,7 @@ int main(int argc, char** argv) {
     }
     if (*recordingsCommand) {
         using Action = RecordingsRequest::Action;
-        recordings.action = *recoverRecordings ? Action::recover
+        recordings.action = *recoverRecordings  ? Action::recover
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
