@@ -305,6 +305,13 @@ TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
     ASSERT_NE(missing, nullptr);
     EXPECT_EQ(missing->text(), QString::fromUtf8(app::kMissingToolsSentence));
     EXPECT_EQ(window.findChild<QWidget*>("dropZone"), nullptr);
+    // Files handed to the application are refused too.
+    const test::TempDir dir;
+    const fs::path video = dir / "clip.mp4";
+    { std::ofstream file(video); }
+    core->openURLs({QUrl::fromLocalFile(QString::fromStdString(video.string()))});
+    EXPECT_TRUE(core->queue().items().empty());
+    EXPECT_FALSE(core->queue().hasTools());
 }
 
 }  // namespace
