@@ -4,7 +4,6 @@
 #include "cli/ClipListOption.hpp"
 #include "cli/Commands.hpp"
 #include "cli/Confirmation.hpp"
-#include "cli/CutJoin.hpp"
 #include "cli/EventSink.hpp"
 #include "cli/ExitStatus.hpp"
 #include "cli/Interruption.hpp"
@@ -13,6 +12,7 @@
 #include "engine/clips/ClipSelection.hpp"
 #include "engine/clips/FastCut.hpp"
 #include "engine/clips/KeyframeProbe.hpp"
+#include "engine/job/JoinedFastCut.hpp"
 #include "engine/probe/MediaProbe.hpp"
 
 namespace tessarin::cli {
@@ -33,14 +33,13 @@ struct CutRanges {
     std::optional<engine::Trim> trim;
     std::vector<ClipSelection> segments;
     bool joined = false;
+    bool removing = false;  // joined: what is left once the segments are taken out
 };
 
 CutRanges parseRanges(const RangeOptions& options, std::size_t fileCount) {
     checkRangeOptions(options, fileCount);
-    if (options.join && *options.join != "keep") {
-        throw UsageError(
-            "A cut can only keep segments (--join keep); `tessarin convert --join remove` takes "
-            "ranges out.");
+    if (options.join && *options.join != "keep" && *options.join != "remove") {
+        throw UsageError("--join takes keep or remove.");
     }
     if (!options.trim && options.segments.empty() && !options.clipList) {
         throw UsageError("A cut needs --trim, --segment or --clip-list.");
@@ -51,6 +50,7 @@ CutRanges parseRanges(const RangeOptions& options, std::size_t fileCount) {
     }
     ranges.segments = parseSegments(options);
     ranges.joined = options.join.has_value();
+    ranges.removing = options.join == "remove";
     return ranges;
 }
 
@@ -84,7 +84,7 @@ public:
                                         "cut " + part, part));
             }
         } else {
-            file.cuts = joinedPieces(source, ranges.segments);
+            file.cuts = joinedPieces(source, ranges.segments, ranges.removing);
         }
         return file;
     }
@@ -112,28 +112,20 @@ private:
         return {source, task, label, planned};
     }
 
-    // The segments sorted and merged as a convert join keeps them, each planned; ranges whose
-    // plans meet once moved to keyframes are planned again as one, which gives the same
-    // boundaries because moving outward keeps the order, and leaves no piece twice in the file.
+    // The ranges a convert join keeps (the segments, or what is left without them), each
+    // planned (see JoinedFastCut::plan).
     std::vector<PlannedJob> joinedPieces(const fs::path& source,
-                                         const std::vector<ClipSelection>& segments) {
-        std::vector<std::pair<engine::Trim, FastCut::Plan>> pieces;
-        for (const engine::Trim& range : ClipSelection::join(segments, info_.durationSeconds,
-                                                             /*removing=*/false)) {
-            FastCut::Plan planned = plan(range);
-            if (!pieces.empty() && planned.start <= pieces.back().second.end) {
-                const engine::Trim merged{pieces.back().first.start, range.end};
-                pieces.back() = {merged, plan(merged)};
-            } else {
-                pieces.emplace_back(range, std::move(planned));
-            }
-        }
+                                         const std::vector<ClipSelection>& segments,
+                                         bool removing) {
+        const std::vector<engine::JoinedFastCut::Piece> pieces = engine::JoinedFastCut::plan(
+            source_, segments, removing, info_, tools_,
+            [this](std::shared_ptr<engine::ProcessRunner> runner) { interruption_.watch(runner); });
         std::vector<PlannedJob> cuts;
         for (std::size_t index = 0; index < pieces.size(); ++index) {
             const std::string part = "part " + std::to_string(index + 1);
-            sink_.plan(source, part, pieces[index].second);
-            cuts.push_back({source, engine::MediaTask::fastCut(pieces[index].first), "cut " + part,
-                            pieces[index].second});
+            sink_.plan(source, part, pieces[index].plan);
+            cuts.push_back({source, engine::MediaTask::fastCut(pieces[index].trim), "cut " + part,
+                            pieces[index].plan});
         }
         return cuts;
     }
@@ -157,9 +149,17 @@ std::vector<WorkItem> workItems(const std::vector<FileCuts>& files, const JobCon
     std::vector<WorkItem> items;
     for (const FileCuts& file : files) {
         if (file.joined) {
+            std::vector<engine::JoinedFastCut::Piece> pieces;
+            for (const PlannedJob& cut : file.cuts) {
+                pieces.push_back(
+                    {std::get<engine::MediaTask::FastCut>(cut.task.kind).trim, *cut.fastCutPlan});
+            }
             items.push_back(
-                {file.source, "cut join", [file, context](const WorkCallbacks& callbacks) {
-                     return Published{joinCuts(file.source, file.cuts, context, callbacks)};
+                {file.source, "cut join", [file, pieces, context](const WorkCallbacks& callbacks) {
+                     auto join = std::make_shared<engine::JoinedFastCut>(
+                         fs::absolute(file.source), pieces, context.tools, context.outputDirectory);
+                     context.interruption.watch(join);
+                     return Published{join->run(callbacks)};
                  }});
         } else {
             for (WorkItem& item : jobItems(file.cuts, context)) {

@@ -66,6 +66,10 @@ void Interruption::watch(const std::shared_ptr<engine::FrameExtractionJob>& job)
     install(cancelling(job));
 }
 
+void Interruption::watch(const std::shared_ptr<engine::JoinedFastCut>& join) {
+    install(cancelling(join));
+}
+
 void Interruption::watch(const std::shared_ptr<engine::ProcessRunner>& runner) {
     install(cancelling(runner));
 }

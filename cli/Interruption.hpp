@@ -10,6 +10,7 @@
 
 #include "engine/frames/FrameExtractionJob.hpp"
 #include "engine/job/ConversionJob.hpp"
+#include "engine/job/JoinedFastCut.hpp"
 #include "engine/process/ProcessRunner.hpp"
 #include "engine/transcription/TranscriptionControl.hpp"
 
@@ -28,6 +29,7 @@ public:
     // nothing starts after Ctrl-C.
     void watch(const std::shared_ptr<engine::ConversionJob>& job);
     void watch(const std::shared_ptr<engine::FrameExtractionJob>& job);
+    void watch(const std::shared_ptr<engine::JoinedFastCut>& join);
     // The same for a tool run outside a job (a probe, a plan, the copy that joins cuts).
     void watch(const std::shared_ptr<engine::ProcessRunner>& runner);
     // The same for requests to the transcription service.

@@ -80,9 +80,10 @@ int main(int argc, char** argv) {
     CutRequest cut;
     CLI::App* cutCommand = app.add_subcommand(
         "cut", "Cut without re-encoding, on keyframes: plan, review, then export");
-    // Any --join value reaches the command, which explains why only keep is offered.
     addRangeOptions(*cutCommand, cut.ranges, "cut",
-                    "keep: the segments one after another in one file");
+                    "keep: the segments one after another in one file; remove: the rest of the "
+                    "video without them")
+        ->check(CLI::IsMember({"keep", "remove"}));
     cutCommand->add_flag("--yes", cut.yes, "Export the plans without asking");
     addOutputOptions(*cutCommand, cut.outputDirectory, cut.json, cut.files, "Files to cut");
 
@@ -148,10 +149,9 @@ int main(int argc, char** argv) {
         "recover", "Save unfinished recordings (all, or one) to their recording folder");
     recoverRecordings->add_option("TAKE", recordings.take, "A recording id from `list`");
     recoverRecordings->add_flag("--json", recordings.json, "One JSON object per event on stdout");
-    CLI::App* discardRecording = recordingsCommand->add_subcommand(
-        "discard", "Move one unfinished recording to the Trash");
-    discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")
-        ->required();
+    CLI::App* discardRecording =
+        recordingsCommand->add_subcommand("discard", "Move one unfinished recording to the Trash");
+    discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")->required();
 
     SilenceRequest silence;
     CLI::App* silenceCommand = app.add_subcommand(
@@ -208,7 +208,7 @@ int main(int argc, char** argv) {
     }
     if (*recordingsCommand) {
         using Action = RecordingsRequest::Action;
-        recordings.action = *recoverRecordings ? Action::recover
+        recordings.action = *recoverRecordings  ? Action::recover
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);

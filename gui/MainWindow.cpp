@@ -18,10 +18,10 @@
 #include "gui/ConsentSheet.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
-#include "gui/RecordingRecoveryDialog.hpp"
 #include "gui/NoticeBanner.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
+#include "gui/RecordingRecoveryDialog.hpp"
 #include "gui/SettingsWindow.hpp"
 #include "gui/ShowInFolder.hpp"
 #include "gui/TrimEditorDialog.hpp"
@@ -161,7 +161,8 @@ QWidget* MainWindow::makeQueuePane() {
     connect(&queue_, &app::QueueModel::trimChanged, this, &MainWindow::updateTrim);
     updateTrim();
 
-    sourceFacts_ = new app::SourceFactsLoader(app_.tools(), this);
+    sourceFacts_ =
+        new app::SourceFactsLoader(app_.tools(), app::SourceFactsLoader::Task::thumbnail, this);
     queueList_ = new QueueList(queue_, sourceFacts_, pane);
     connect(queueList_, &QueueList::trimRequested, this,
             [this](const engine::Uuid& id) { openTrimEditor(id); });

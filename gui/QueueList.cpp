@@ -8,10 +8,10 @@
 
 namespace tessarin::gui {
 
-QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* facts, QWidget* parent)
+QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* thumbnails, QWidget* parent)
     : QScrollArea(parent),
       queue_(queue),
-      facts_(facts),
+      thumbnails_(thumbnails),
       content_(new QWidget),
       rowsLayout_(new QVBoxLayout(content_)),
       empty_(new QLabel(tr("No files yet. Added videos wait here for an action."), content_)) {
@@ -30,11 +30,11 @@ QueueList::QueueList(app::QueueModel& queue, app::SourceFactsLoader* facts, QWid
 
     connect(&queue_, &app::QueueModel::itemsChanged, this, &QueueList::reload);
     connect(&queue_, &app::QueueModel::itemChanged, this, &QueueList::reloadItem);
-    if (facts_ != nullptr) {
-        connect(facts_, &app::SourceFactsLoader::factsReady, this, [this](const QString& id) {
+    if (thumbnails_ != nullptr) {
+        connect(thumbnails_, &app::SourceFactsLoader::factsReady, this, [this](const QString& id) {
             const auto uuid = engine::Uuid::fromText(id.toStdString());
             if (QueueRowWidget* row = uuid ? this->row(*uuid) : nullptr) {
-                row->setFacts(*facts_->facts(*uuid));
+                row->setThumbnail(thumbnails_->facts(*uuid)->thumbnailPng);
             }
         });
     }
@@ -54,6 +54,7 @@ void QueueList::reload() {
             row = found->second;
             rows_.erase(found);
             row->update(item);
+            showThumbnail(item, row);
         } else {
             row = new QueueRowWidget(item, content_);
             scaleWidgetTree(row);
@@ -63,12 +64,7 @@ void QueueList::reload() {
                     &QueueList::showInFolderRequested);
             connect(row, &QueueRowWidget::openRequested, this, &QueueList::openRequested);
             connect(row, &QueueRowWidget::trimRequested, this, &QueueList::trimRequested);
-            if (facts_ != nullptr) {
-                facts_->request(item.id, item.source);
-                if (const app::SourceFacts* known = facts_->facts(item.id)) {
-                    row->setFacts(*known);
-                }
-            }
+            showThumbnail(item, row);
         }
         kept.emplace(item.id, row);
         // Re-inserting in model order keeps the layout's order the queue's order.
@@ -94,6 +90,18 @@ void QueueList::reloadItem(const QString& id) {
     QueueRowWidget* row = this->row(*uuid);
     if (item != nullptr && row != nullptr) {
         row->update(*item);
+        showThumbnail(*item, row);
+    }
+}
+
+void QueueList::showThumbnail(const app::QueueItem& item, QueueRowWidget* row) {
+    if (thumbnails_ == nullptr || !item.sourceWidth) {
+        return;
+    }
+    // A request for an id already asked does nothing.
+    thumbnails_->request(item.id, item.source);
+    if (const app::SourceFacts* known = thumbnails_->facts(item.id)) {
+        row->setThumbnail(known->thumbnailPng);
     }
 }
 

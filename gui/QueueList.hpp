@@ -20,8 +20,9 @@ class QueueList : public QScrollArea {
     Q_OBJECT
 
 public:
-    // `facts`, when given, fills each row's thumbnail and source facts as they come.
-    explicit QueueList(app::QueueModel& queue, app::SourceFactsLoader* facts = nullptr,
+    // `thumbnails`, a loader of the thumbnail task, when given, draws each row's first frame once
+    // the queue's probe found a picture.
+    explicit QueueList(app::QueueModel& queue, app::SourceFactsLoader* thumbnails = nullptr,
                        QWidget* parent = nullptr);
 
     [[nodiscard]] QueueRowWidget* row(const engine::Uuid& id) const;
@@ -33,11 +34,14 @@ signals:
     void trimRequested(const engine::Uuid& id);
 
 private:
+    // Asks for the thumbnail of `item` once its picture is known, or shows the one that came.
+    void showThumbnail(const app::QueueItem& item, QueueRowWidget* row);
+
     void reload();
     void reloadItem(const QString& id);
 
     app::QueueModel& queue_;
-    app::SourceFactsLoader* facts_;
+    app::SourceFactsLoader* thumbnails_;
     QWidget* content_;
     QVBoxLayout* rowsLayout_;
     QLabel* empty_;

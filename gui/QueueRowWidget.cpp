@@ -131,6 +131,10 @@ void QueueRowWidget::update(const app::QueueItem& item) {
     name_->setToolTip(qpath(item.source));
     subtitle_->setFullText(subtitleText(item));
     subtitle_->setVisible(!subtitle_->fullText().isEmpty());
+    const app::SourceFacts facts{
+        item.sourceDurationSeconds, item.sourceWidth, item.sourceHeight, item.sourceBytes, {}};
+    facts_->setFullText(qs(facts.summary()));
+    facts_->setVisible(!facts_->fullText().isEmpty());
     QString state = qs(item.stateLabel());
     if (kind == Kind::running) {
         if (!runningSince_) {
@@ -185,13 +189,13 @@ void QueueRowWidget::update(const app::QueueItem& item) {
     setAccessibleName(fileName + QStringLiteral(", ") + state_->text());
 }
 
-void QueueRowWidget::setFacts(const app::SourceFacts& facts) {
-    facts_->setFullText(qs(facts.summary()));
-    facts_->setVisible(!facts_->fullText().isEmpty());
+void QueueRowWidget::setThumbnail(const std::string& png) {
+    if (!thumbnail_->pixmap().isNull()) {
+        return;  // a row's source never changes
+    }
     QPixmap picture;
-    if (!facts.thumbnailPng.empty() &&
-        picture.loadFromData(reinterpret_cast<const uchar*>(facts.thumbnailPng.data()),
-                             static_cast<uint>(facts.thumbnailPng.size()), "PNG")) {
+    if (!png.empty() && picture.loadFromData(reinterpret_cast<const uchar*>(png.data()),
+                                             static_cast<uint>(png.size()), "PNG")) {
         thumbnail_->setPixmap(
             picture.scaled(thumbnail_->size(), Qt::KeepAspectRatio, Qt::SmoothTransformation));
         thumbnail_->setVisible(true);

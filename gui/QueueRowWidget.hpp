@@ -27,8 +27,8 @@ public:
     // Shows `item`, which must have this row's id.
     void update(const app::QueueItem& item);
 
-    // Shows the source's length, picture size, file size and thumbnail.
-    void setFacts(const app::SourceFacts& facts);
+    // Shows the source's first frame (a PNG) beside its name.
+    void setThumbnail(const std::string& png);
 
     [[nodiscard]] QString stateText() const;
 

@@ -14,13 +14,14 @@
 #include <QPixmap>
 #include <QPushButton>
 #include <QShortcut>
-#include <QSlider>
 #include <QTableWidget>
 #include <QVBoxLayout>
 #include <QVideoWidget>
 #include <cmath>
 
 #include "engine/clips/ClipListFile.hpp"
+#include "engine/model/TimeText.hpp"
+#include "gui/TrimTimeline.hpp"
 
 namespace tessarin::gui {
 
@@ -28,8 +29,6 @@ namespace {
 
 using Action = app::TrimEditor::KeyframeAction;
 
-// The timeline counts milliseconds.
-constexpr int kTicksPerSecond = 1000;
 // Until the player reports the source's frame rate a step is one frame at 25 fps.
 constexpr double kFrameSeconds = 0.04;
 
@@ -37,8 +36,9 @@ QString qs(const std::string& text) {
     return QString::fromStdString(text);
 }
 
-int ticks(double seconds) {
-    return static_cast<int>(std::lround(seconds * kTicksPerSecond));
+// A draft's time as seconds; empty, or not a time yet, is `otherwise`.
+double secondsOf(const std::string& text, double otherwise) {
+    return engine::parseTimeSeconds(text).value_or(otherwise);
 }
 
 }  // namespace
@@ -61,6 +61,7 @@ TrimEditorDialog::TrimEditorDialog(std::unique_ptr<app::TrimEditor> editor, bool
                             player_->metaData().value(QMediaMetaData::VideoFrameRate).toDouble();
                         if (std::isfinite(rate) && rate >= 1 && rate <= 1000) {
                             frameSeconds_ = 1.0 / rate;
+                            timeline_->setFrameStep(frameSeconds_);
                         }
                     }
                     if (status == QMediaPlayer::LoadedMedia && !editor_->previewReady()) {
@@ -113,15 +114,21 @@ void TrimEditorDialog::build() {
     layout->addWidget(video_, 1);
     layout->addWidget(previewMessage_);
 
-    timeline_ = new QSlider(Qt::Horizontal, this);
+    // The playhead and the handles on one timeline; the handles are not a value until Trim
+    // confirms them.
+    timeline_ = new TrimTimeline(this);
     timeline_->setObjectName("timeline");
+    timeline_->setFrameStep(frameSeconds_);
+    connect(timeline_, &TrimTimeline::playheadMoved, this, &TrimEditorDialog::setPlayhead);
+    connect(timeline_, &TrimTimeline::handlesMoved, this,
+            [this](double start, double end) { editor_->moveHandles(start, end); });
     time_ = new QLabel(this);
     time_->setObjectName("playheadLabel");
-    connect(timeline_, &QSlider::sliderMoved, this,
-            [this](int value) { setPlayhead(static_cast<double>(value) / kTicksPerSecond); });
+    trim_ = button(tr("Trim"), "trimControl", [this] { editor_->confirmHandles(); });
     auto* timeRow = new QHBoxLayout;
     timeRow->addWidget(timeline_, 1);
     timeRow->addWidget(time_);
+    timeRow->addWidget(trim_);
     layout->addLayout(timeRow);
 
     waveform_ = new QLabel(this);
@@ -132,26 +139,6 @@ void TrimEditorDialog::build() {
     // The picture is white on transparent; a dark ground shows it.
     waveform_->setStyleSheet("background: #202124; color: #bbb;");
     layout->addWidget(waveform_);
-
-    // Handles: not a value until Trim confirms them.
-    startHandle_ = new QSlider(Qt::Horizontal, this);
-    startHandle_->setObjectName("startHandle");
-    endHandle_ = new QSlider(Qt::Horizontal, this);
-    endHandle_->setObjectName("endHandle");
-    const auto moved = [this] {
-        editor_->moveHandles(static_cast<double>(startHandle_->value()) / kTicksPerSecond,
-                             static_cast<double>(endHandle_->value()) / kTicksPerSecond);
-    };
-    connect(startHandle_, &QSlider::sliderMoved, this, moved);
-    connect(endHandle_, &QSlider::sliderMoved, this, moved);
-    trim_ = button(tr("Trim"), "trimControl", [this] { editor_->confirmHandles(); });
-    auto* handles = new QGridLayout;
-    handles->addWidget(new QLabel(tr("Start"), this), 0, 0);
-    handles->addWidget(startHandle_, 0, 1);
-    handles->addWidget(new QLabel(tr("End"), this), 1, 0);
-    handles->addWidget(endHandle_, 1, 1);
-    handles->addWidget(trim_, 0, 2, 2, 1);
-    layout->addLayout(handles);
 
     auto* stepping = new QHBoxLayout;
     play_ = button(tr("Play"), "play", [this] {
@@ -375,7 +362,7 @@ void TrimEditorDialog::setPlayhead(double seconds) {
 }
 
 void TrimEditorDialog::showPlayhead() {
-    timeline_->setValue(ticks(playhead_));
+    timeline_->setPlayhead(playhead_);
     time_->setText(qs(app::editorTimeText(playhead_)) + QStringLiteral(" s"));
 }
 
@@ -439,23 +426,18 @@ void TrimEditorDialog::reloadTable() {
 void TrimEditorDialog::reload() {
     reloading_ = true;
     const std::optional<double> length = editor_->duration();
-    const int maximum = length ? ticks(*length) : 0;
-    for (QSlider* slider : {timeline_, startHandle_, endHandle_}) {
-        slider->setRange(0, maximum);
-    }
+    timeline_->setDuration(length);
     showPlayhead();
     if (!editor_->hasUnconfirmedHandles() && length) {
         const app::ClipDraft& draft = editor_->clips()[editor_->selected()];
-        startHandle_->setValue(draft.start.empty() ? 0 : ticks(std::atof(draft.start.c_str())));
-        endHandle_->setValue(draft.end.empty() ? maximum : ticks(std::atof(draft.end.c_str())));
+        timeline_->setHandles(secondsOf(draft.start, 0), secondsOf(draft.end, *length));
     }
     const bool visual = editor_->trimmingVisually();
     video_->setVisible(editor_->previewReady());
     play_->setEnabled(editor_->previewReady());
     previewMessage_->setText(qs(editor_->previewMessage()));
     previewMessage_->setVisible(!editor_->previewMessage().empty());
-    startHandle_->setEnabled(visual);
-    endHandle_->setEnabled(visual);
+    timeline_->setHandlesEnabled(visual);
     trim_->setEnabled(visual);
     switchToDetailed_->setVisible(visual);
     table_->setEnabled(!visual);

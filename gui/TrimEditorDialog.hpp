@@ -1,7 +1,8 @@
-// The trim editor's window over a TrimEditor: a player with start and end handles that the Trim
-// control confirms, frame and keyframe stepping, the waveform of the visible window under the
-// timeline, the clip list with its fields and row messages, and Apply. When the player can't
-// show the source it says so, and the time fields and clip tools do the work.
+// The trim editor's window over a TrimEditor: a player whose timeline carries the playhead and
+// the start and end handles that the Trim control confirms, frame and keyframe stepping, the
+// waveform of the visible window under the timeline, the clip list with its fields and row
+// messages, and Apply. When the player can't show the source it says so, and the time fields and
+// clip tools do the work.
 #pragma once
 
 #include <QDialog>
@@ -14,11 +15,12 @@ class QDoubleSpinBox;
 class QLabel;
 class QMediaPlayer;
 class QPushButton;
-class QSlider;
 class QTableWidget;
 class QVideoWidget;
 
 namespace tessarin::gui {
+
+class TrimTimeline;
 
 class TrimEditorDialog : public QDialog {
     Q_OBJECT
@@ -35,6 +37,7 @@ public:
     [[nodiscard]] app::TrimEditor& editor() const { return *editor_; }
     // The viewed time, in seconds.
     [[nodiscard]] double playhead() const { return playhead_; }
+    [[nodiscard]] TrimTimeline* timeline() const { return timeline_; }
     void setPlayhead(double seconds);
 
 private:
@@ -52,10 +55,8 @@ private:
     QMediaPlayer* player_ = nullptr;
     QVideoWidget* video_ = nullptr;
     QLabel* previewMessage_ = nullptr;
-    QSlider* timeline_ = nullptr;
+    TrimTimeline* timeline_ = nullptr;
     QLabel* time_ = nullptr;
-    QSlider* startHandle_ = nullptr;
-    QSlider* endHandle_ = nullptr;
     QLabel* waveform_ = nullptr;
     QTableWidget* table_ = nullptr;
     QComboBox* mode_ = nullptr;

@@ -60,10 +60,11 @@ struct KindTexts {
     const char* finishedTitle;
     const char* failedTitle;
 };
-constexpr std::array<KindTexts, 6> kKindTexts{{
+constexpr std::array<KindTexts, 7> kKindTexts{{
     {"Converting", "Converted", "Conversion finished", "Conversion failed"},
     {"Converting", "Converted", "Conversion finished", "Conversion failed"},
     {"Extracting audio", "Extracted", "Conversion finished", "Conversion failed"},
+    {"Cutting without re-encoding", "Fast cut", "Conversion finished", "Conversion failed"},
     {"Cutting without re-encoding", "Fast cut", "Conversion finished", "Conversion failed"},
     {"Transcribing", "Transcribed", "Transcription finished", "Transcription failed"},
     {"Exporting frames", "Frames exported", "Conversion finished", "Frame export failed"},

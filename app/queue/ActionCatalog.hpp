@@ -15,6 +15,7 @@
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/frames/FrameExtractionOptions.hpp"
+#include "engine/job/JoinedFastCut.hpp"
 #include "engine/model/AudioExtractionOptions.hpp"
 #include "engine/model/Preset.hpp"
 
@@ -61,6 +62,12 @@ struct JobKind {
         std::optional<engine::FastCut::Plan> plan;
         bool operator==(const FastCut&) const = default;
     };
+    // Reviewed fast cuts of one file joined into one output without re-encoding, in output
+    // order; each piece's job refuses as a single fast cut does.
+    struct FastCutJoin {
+        std::vector<engine::JoinedFastCut::Piece> pieces;
+        bool operator==(const FastCutJoin&) const = default;
+    };
     // The transcription and frame-export jobs are made by the queue's job factories, which read
     // what they need (model, destination) when the item starts.
     struct Transcribe {
@@ -74,7 +81,7 @@ struct JobKind {
         bool operator==(const Frames&) const = default;
     };
 
-    std::variant<Convert, Join, ExtractAudio, FastCut, Transcribe, Frames> value;
+    std::variant<Convert, Join, ExtractAudio, FastCut, FastCutJoin, Transcribe, Frames> value;
 
     // The preset of a convert or join, else nothing.
     [[nodiscard]] const engine::Preset* preset() const;

@@ -16,20 +16,24 @@ ConversionQueueJob::ConversionQueueJob(std::filesystem::path source, engine::Med
 }
 
 std::filesystem::path ConversionQueueJob::run(const Callbacks& callbacks) {
-    engine::ConversionJob::Callbacks engineCallbacks;
-    engineCallbacks.onProgress = callbacks.onProgress;
-    engineCallbacks.onWarning = callbacks.onWarning;
+    return job_.run(engineCallbacks(callbacks));
+}
+
+engine::ConversionJob::Callbacks engineCallbacks(const QueueJob::Callbacks& callbacks) {
+    engine::ConversionJob::Callbacks mapped;
+    mapped.onProgress = callbacks.onProgress;
+    mapped.onWarning = callbacks.onWarning;
     if (callbacks.onPhase) {
-        engineCallbacks.onPhase = [&callbacks](engine::JobPhase phase) {
+        mapped.onPhase = [&callbacks](engine::JobPhase phase) {
             callbacks.onPhase(phaseLabel(phase));
         };
     }
     if (callbacks.onSourceInfo) {
-        engineCallbacks.onInfo = [&callbacks](const engine::MediaInfo& info) {
+        mapped.onInfo = [&callbacks](const engine::MediaInfo& info) {
             callbacks.onSourceInfo(info.durationSeconds, info.isHDR);
         };
     }
-    return job_.run(engineCallbacks);
+    return mapped;
 }
 
 const char* phaseLabel(engine::JobPhase phase) {

@@ -26,6 +26,11 @@ private:
     engine::ConversionJob job_;
 };
 
+// The engine's callbacks that report to the queue's: phases as the row's texts, source facts.
+// They refer to `callbacks`, which must outlive them.
+[[nodiscard]] engine::ConversionJob::Callbacks engineCallbacks(
+    const QueueJob::Callbacks& callbacks);
+
 // The row's phase text of an engine phase; empty while encoding.
 [[nodiscard]] const char* phaseLabel(engine::JobPhase phase);
 

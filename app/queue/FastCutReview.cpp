@@ -1,5 +1,7 @@
 #include "app/queue/FastCutReview.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <mutex>
 #include <system_error>
@@ -48,7 +50,13 @@ const char* probeFailureSentence(engine::MediaProbeError::Kind kind) {
     return "";
 }
 
-using Outcome = std::variant<engine::FastCut::Plan, std::string>;
+using Outcome = std::variant<FastCutReview::Plans::mapped_type, std::string>;
+
+bool keepsWholeVideo(const std::vector<FastCutReview::Piece>& pieces) {
+    return std::any_of(pieces.begin(), pieces.end(), [](const FastCutReview::Piece& piece) {
+        return piece.plan.keepsWholeVideo();
+    });
+}
 
 }  // namespace
 
@@ -89,7 +97,8 @@ struct FastCutReview::Planning {
         return cancelled;
     }
 
-    // One file: its facts with chapters, then its plan. Never throws but std::bad_alloc.
+    // One file: its facts with chapters, then the plan of each of its ranges. Never throws but
+    // std::bad_alloc.
     Outcome plan(const FastCutReviewRequest::Entry& entry, const engine::Tools& tools) {
         try {
             auto runner = std::make_shared<engine::ProcessRunner>();
@@ -97,9 +106,27 @@ struct FastCutReview::Planning {
             const engine::MediaInfo info = engine::MediaProbe::probe(
                 entry.source, tools, engine::MediaInputPolicy::unrestricted, *runner,
                 engine::MediaProbe::kTimeoutSeconds, true);
-            return engine::FastCut::plan(
-                entry.source, entry.trim, info, tools,
-                [this](std::shared_ptr<engine::ProcessRunner> next) { install(std::move(next)); });
+            const auto installed = [this](std::shared_ptr<engine::ProcessRunner> next) {
+                install(std::move(next));
+            };
+            std::vector<FastCutReview::Piece> pieces;
+            if (!entry.clips) {
+                pieces.push_back({entry.trim, engine::FastCut::plan(entry.source, entry.trim, info,
+                                                                    tools, installed)});
+            } else if (entry.clipMode == ClipExportMode::separate) {
+                for (const engine::ClipSelection& clip : *entry.clips) {
+                    if (isCancelled()) {
+                        break;
+                    }
+                    pieces.push_back({clip.trim(), engine::FastCut::plan(entry.source, clip.trim(),
+                                                                         info, tools, installed)});
+                }
+            } else {
+                pieces = engine::JoinedFastCut::plan(entry.source, *entry.clips,
+                                                     entry.clipMode == ClipExportMode::remove, info,
+                                                     tools, installed);
+            }
+            return pieces;
         } catch (const engine::FastCut::Failure& failure) {
             return std::string(failure.what());
         } catch (const engine::KeyframeProbe::Failure& failure) {
@@ -166,8 +193,8 @@ void FastCutReview::startPlanning() {
                 if (generation != generation_) {
                     return;
                 }
-                if (const auto* plan = std::get_if<engine::FastCut::Plan>(&outcome)) {
-                    plans_[id] = *plan;
+                if (const auto* pieces = std::get_if<Plans::mapped_type>(&outcome)) {
+                    plans_[id] = *pieces;
                 } else {
                     failures_[id] = std::get<std::string>(outcome);
                 }
@@ -218,12 +245,13 @@ void FastCutReview::markChanged() {
 
 bool FastCutReview::isReady(const engine::Uuid& id) const {
     const auto plan = plans_.find(id);
-    return plan != plans_.end() && (acceptWholeFile_ || !plan->second.keepsWholeVideo());
+    return plan != plans_.end() && !plan->second.empty() &&
+           (acceptWholeFile_ || !keepsWholeVideo(plan->second));
 }
 
 bool FastCutReview::anyKeepsWholeVideo() const {
     return std::any_of(plans_.begin(), plans_.end(),
-                       [](const auto& plan) { return plan.second.keepsWholeVideo(); });
+                       [](const auto& plan) { return keepsWholeVideo(plan.second); });
 }
 
 bool FastCutReview::canExport() const {
@@ -239,10 +267,29 @@ std::string FastCutReview::statusText(const engine::Uuid& id) const {
         return failure->second;
     }
     if (const auto plan = plans_.find(id); plan != plans_.end()) {
-        std::string text = engine::FastCut::summary(plan->second);
-        if (plan->second.keepsWholeVideo()) {
-            text += "\n";
-            text += kWholeVideoText;
+        const auto entry =
+            std::find_if(request_.entries.begin(), request_.entries.end(),
+                         [&id](const auto& candidate) { return candidate.id == id; });
+        const bool clips = entry != request_.entries.end() && entry->clips;
+        const bool joined = clips && entry->clipMode != ClipExportMode::separate;
+        std::string text;
+        if (joined) {
+            text = fmt::format("One joined output of {} {}.", plan->second.size(),
+                               plan->second.size() == 1 ? "part" : "parts");
+        }
+        for (std::size_t index = 0; index < plan->second.size(); ++index) {
+            const engine::FastCut::Plan& piece = plan->second[index].plan;
+            if (!text.empty()) {
+                text += "\n";
+            }
+            if (clips) {
+                text += fmt::format("{} {}: ", joined ? "Part" : "Clip", index + 1);
+            }
+            text += engine::FastCut::summary(piece);
+            if (piece.keepsWholeVideo()) {
+                text += "\n";
+                text += kWholeVideoText;
+            }
         }
         return text;
     }

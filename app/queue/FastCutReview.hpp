@@ -1,7 +1,8 @@
 // The review before a fast cut: every file's plan (its boundaries widened to keyframes, what is
 // added, the tracks kept) or the sentence saying why it can't be cut, so that the user exports
-// only what they have seen. The files are planned one at a time on one background thread: a
-// media probe with chapters, then FastCut::plan.
+// only what they have seen. A file with clips has one plan per clip (separate outputs) or one per
+// piece of its joined output. The files are planned one at a time on one background thread: a
+// media probe with chapters, then FastCut::plan for each range.
 //
 //   FastCutReview review(request, tools);
 //   review.onExport = [&](bool acceptWholeFile, const FastCutReview::Plans& plans) { ... };
@@ -25,9 +26,11 @@
 #include <string>
 #include <vector>
 
+#include "app/trim/TrimEditorTypes.hpp"
 #include "engine/clips/ClipSelection.hpp"
 #include "engine/clips/FastCut.hpp"
 #include "engine/clips/Uuid.hpp"
+#include "engine/job/JoinedFastCut.hpp"
 #include "engine/model/Preset.hpp"
 #include "engine/process/Tools.hpp"
 
@@ -40,12 +43,14 @@ struct FastCutReviewRequest {
     struct Entry {
         engine::Uuid id;  // the queue item's
         std::filesystem::path source;
-        engine::Trim trim;
+        engine::Trim trim;  // empty for a file with clips
         // Known before planning: why this file can't be cut. It is shown as the file's failure
         // and the file is not planned.
         std::optional<std::string> issue;
-        // The clips of a separate-files cut, carried with the file; the review plans `trim`.
+        // The file's clips from the trim editor, planned in place of `trim`: each clip on its own
+        // in `separate` mode, else the ranges of one joined output (kept, or left once removed).
         std::optional<std::vector<engine::ClipSelection>> clips;
+        ClipExportMode clipMode = ClipExportMode::separate;
     };
 
     engine::Uuid id;
@@ -56,7 +61,10 @@ class FastCutReview : public QObject {
     Q_OBJECT
 
 public:
-    using Plans = std::map<engine::Uuid, engine::FastCut::Plan>;
+    using Piece = engine::JoinedFastCut::Piece;
+    // By entry id: the range of a plain trim, the clips of separate outputs in list order, or
+    // the pieces of a joined output in output order.
+    using Plans = std::map<engine::Uuid, std::vector<Piece>>;
 
     static constexpr const char* kPlanningText = "Planning cuts…";
     static constexpr const char* kCheckingText = "Checking boundaries…";
@@ -103,15 +111,14 @@ public:
     // Marks the review outdated. Does nothing once it is completed.
     void markChanged();
 
-    // An entry with a plan that either keeps part of the video or, with acceptWholeFile, all
-    // of it.
+    // An entry whose plans each keep part of the video or, with acceptWholeFile, all of it.
     [[nodiscard]] bool isReady(const engine::Uuid& id) const;
     [[nodiscard]] bool anyKeepsWholeVideo() const;
     // At least one entry is ready, and the review is neither changed nor completed.
     [[nodiscard]] bool canExport() const;
-    // The entry's line: "Checking boundaries…" while it is planned, the plan's summary (and
-    // kWholeVideoText on its own line when the plan keeps the whole video), the failure, or
-    // nothing while it waits.
+    // The entry's text: "Checking boundaries…" while it is planned, the plan's summary (and
+    // kWholeVideoText on its own line when the plan keeps the whole video), one such line per
+    // clip or piece, the failure, or nothing while it waits.
     [[nodiscard]] std::string statusText(const engine::Uuid& id) const;
     // Whether `id` was handed back to conversion.
     [[nodiscard]] bool wasHandedBack(const engine::Uuid& id) const;

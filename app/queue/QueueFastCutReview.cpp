@@ -12,9 +12,39 @@
 
 namespace tessarin::app {
 
+using queue_internal::clipRows;
 using queue_internal::kFastCutNeedsTrim;
 using queue_internal::queueLog;
 using queue_internal::trimLabelOf;
+
+namespace queue_internal {
+
+FastCutReviewRequest::Entry reviewEntry(const QueueItem& item, const engine::Trim& trim) {
+    FastCutReviewRequest::Entry entry{item.id, item.source, trim, std::nullopt, std::nullopt};
+    if (item.pendingClips) {
+        entry.trim = {};
+        entry.clips = item.pendingClips;
+        entry.clipMode = item.clipMode;
+    }
+    return entry;
+}
+
+}  // namespace queue_internal
+
+using queue_internal::reviewEntry;
+
+namespace {
+
+// Whether staged `row` still holds what `entry` was made from.
+bool matches(const FastCutReviewRequest::Entry& entry, const QueueItem& row,
+             const engine::Trim& batch) {
+    if (entry.clips) {
+        return row.pendingClips == entry.clips && row.clipMode == entry.clipMode;
+    }
+    return !row.pendingClips && row.pendingTrim.value_or(batch) == entry.trim;
+}
+
+}  // namespace
 
 void QueueModel::publishFastCutReview(std::vector<FastCutReviewRequest::Entry> entries) {
     FastCutReviewRequest request;
@@ -43,9 +73,9 @@ void QueueModel::reviewIncomingFastCuts(const std::vector<engine::Uuid>& ids) {
             if (row == nullptr || row->state.kind != QueueItem::StateKind::needsPreset) {
                 continue;
             }
-            FastCutReviewRequest::Entry kept = entry;
-            kept.trim = row->pendingTrim.value_or(batch);
-            if (!kept.trim.isEmpty()) {
+            FastCutReviewRequest::Entry kept = reviewEntry(*row, row->pendingTrim.value_or(batch));
+            kept.issue = entry.issue;
+            if (kept.clips || !kept.trim.isEmpty()) {
                 entries.push_back(std::move(kept));
             }
         }
@@ -58,11 +88,11 @@ void QueueModel::reviewIncomingFastCuts(const std::vector<engine::Uuid>& ids) {
             continue;
         }
         const engine::Trim trim = row->pendingTrim.value_or(batch);
-        if (trim.isEmpty()) {
+        if (trim.isEmpty() && !row->pendingClips) {
             needsTrim = true;
             continue;
         }
-        entries.push_back({row->id, row->source, trim, std::nullopt, std::nullopt});
+        entries.push_back(reviewEntry(*row, trim));
     }
     if (needsTrim) {
         notice(kFastCutNeedsTrim);
@@ -124,7 +154,7 @@ bool QueueModel::isFastCutReviewCurrent(const FastCutReviewRequest& request) con
     return std::all_of(request.entries.begin(), request.entries.end(), [&](const auto& entry) {
         const QueueItem* row = item(entry.id);
         return row != nullptr && row->state.kind == QueueItem::StateKind::needsPreset &&
-               row->pendingTrim.value_or(batch) == entry.trim;
+               matches(entry, *row, batch);
     });
 }
 
@@ -148,15 +178,41 @@ void QueueModel::exportFastCut(const engine::Uuid& requestID, bool acceptWholeFi
     std::size_t exported = 0;
     for (const FastCutReviewRequest::Entry& entry : request.entries) {
         const auto plan = plans.find(entry.id);
-        QueueItem* row = findItem(entry.id);
-        if (plan == plans.end() || row == nullptr ||
-            (plan->second.keepsWholeVideo() && !acceptWholeFile)) {
+        const QueueItem* row = item(entry.id);
+        if (plan == plans.end() || plan->second.empty() || row == nullptr ||
+            (!acceptWholeFile &&
+             std::any_of(plan->second.begin(), plan->second.end(),
+                         [](const auto& piece) { return piece.plan.keepsWholeVideo(); }))) {
             continue;
         }
-        row->kind = JobKind{JobKind::FastCut{entry.trim, plan->second}};
-        row->descriptor = descriptor;
-        row->trimLabel = trimLabelOf(entry.trim);
-        row->state = {QueueItem::StateKind::waiting, {}, {}, {}};
+        const std::vector<FastCutReview::Piece>& pieces = plan->second;
+        std::vector<QueueItem> rows;
+        if (entry.clips && entry.clipMode != ClipExportMode::separate) {
+            QueueItem joined = *row;
+            joined.kind = JobKind{JobKind::FastCutJoin{pieces}};
+            joined.descriptor = descriptor;
+            joined.state = {QueueItem::StateKind::waiting, {}, {}, {}};
+            rows.push_back(std::move(joined));
+        } else if (entry.clips) {
+            std::vector<JobKind> kinds;
+            std::vector<engine::Trim> ranges;
+            for (const FastCutReview::Piece& piece : pieces) {
+                kinds.push_back(JobKind{JobKind::FastCut{piece.trim, piece.plan}});
+                ranges.push_back(piece.trim);
+            }
+            rows = clipRows(*row, kinds, ranges, descriptor);
+        } else {
+            QueueItem cut = *row;
+            cut.kind = JobKind{JobKind::FastCut{entry.trim, pieces.front().plan}};
+            cut.descriptor = descriptor;
+            cut.trimLabel = trimLabelOf(entry.trim);
+            cut.state = {QueueItem::StateKind::waiting, {}, {}, {}};
+            rows.push_back(std::move(cut));
+        }
+        const auto at =
+            items_.erase(std::find_if(items_.begin(), items_.end(),
+                                      [&entry](const QueueItem& it) { return it.id == entry.id; }));
+        items_.insert(at, rows.begin(), rows.end());
         ++exported;
     }
     queueLog().notice(engine::KeyValues()
@@ -180,6 +236,9 @@ void QueueModel::returnFastCutToConversion(const engine::Uuid& requestID, const 
         return;
     }
     updateItem(id, [&trim](QueueItem& staged) {
+        if (staged.pendingClips) {
+            return;  // the clips stay, for a preset to export them
+        }
         staged.pendingTrim = trim;
         staged.trimLabel = trim.isEmpty() ? std::nullopt : std::optional(trimLabelOf(trim));
     });

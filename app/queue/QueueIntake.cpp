@@ -387,6 +387,7 @@ std::vector<engine::Uuid> QueueModel::addItems(
         QueueItem item;
         item.id = engine::Uuid::random();
         added.push_back(item.id);
+        sourceProbes_->request(item.id, file.path);
         item.source = file.path;
         item.sourceID = file.id;
         item.destination = destination;

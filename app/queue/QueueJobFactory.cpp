@@ -7,6 +7,7 @@
 
 #include "app/queue/ConversionQueueJob.hpp"
 #include "app/queue/FramesQueueJob.hpp"
+#include "app/queue/JoinedFastCutQueueJob.hpp"
 #include "app/queue/QueueModel.hpp"
 
 namespace tessarin::app {
@@ -66,6 +67,10 @@ std::shared_ptr<QueueJob> QueueModel::makeJob(const QueueItem& item) {
             },
             [&](const JobKind::FastCut& kind) {
                 return conversion(engine::MediaTask::fastCut(kind.trim), nullptr, kind.plan);
+            },
+            [&](const JobKind::FastCutJoin& kind) -> std::shared_ptr<QueueJob> {
+                return std::make_shared<JoinedFastCutQueueJob>(item.source, kind.pieces, *tools_,
+                                                               outputDirectory);
             },
             [&](const JobKind::Transcribe&) { return fromFactory(transcriptionJobFactory); },
             [&](const JobKind::Frames&) { return fromFactory(framesJobFactory); },

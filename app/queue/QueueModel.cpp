@@ -73,6 +73,25 @@ std::string trimLabelOf(const engine::Trim& trim) {
     return fmt::format("{}–{}", trim.start.value_or("start"), trim.end.value_or("end"));
 }
 
+std::vector<QueueItem> clipRows(const QueueItem& original, const std::vector<JobKind>& kinds,
+                                const std::vector<engine::Trim>& ranges,
+                                const std::optional<ActionDescriptor>& descriptor) {
+    std::vector<QueueItem> rows;
+    for (std::size_t index = 0; index < kinds.size(); ++index) {
+        QueueItem row = original;
+        row.id = index == 0 ? original.id : engine::Uuid::random();
+        row.pendingClips.reset();
+        row.pendingTrim = ranges[index];  // what the editor opens this row with
+        row.kind = kinds[index];
+        row.descriptor = descriptor;
+        row.trimLabel =
+            fmt::format("Clip {} of {} · {}", index + 1, kinds.size(), trimLabelOf(ranges[index]));
+        row.state = {QueueItem::StateKind::waiting, {}, {}, {}};
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
 }  // namespace queue_internal
 
 // ---------------------------------------------------------------------------------------------
@@ -115,6 +134,31 @@ QueueModel::QueueModel(std::optional<engine::Tools> tools, QObject* parent)
     framesJobFactory = [this](const QueueItem& item) { return makeFramesJob(item); };
     framesOptions = [] { return engine::FrameExtractionOptions{}; };
     folderWalker = walkFolders;
+    sourceProbes_ = std::make_unique<SourceFactsLoader>(tools_, SourceFactsLoader::Task::probe);
+    connect(sourceProbes_.get(), &SourceFactsLoader::factsReady, this, [this](const QString& id) {
+        const auto uuid = engine::Uuid::fromText(id.toStdString());
+        const SourceFacts* facts = uuid ? sourceProbes_->facts(*uuid) : nullptr;
+        const QueueItem* probed = uuid ? item(*uuid) : nullptr;
+        if (facts == nullptr || probed == nullptr) {
+            return;
+        }
+        // Rows split from this one meanwhile share its source.
+        const std::filesystem::path source = probed->source;
+        for (QueueItem& row : items_) {
+            if (row.source != source) {
+                continue;
+            }
+            row.sourceWidth = facts->width;
+            row.sourceHeight = facts->height;
+            if (!row.sourceDurationSeconds) {
+                row.sourceDurationSeconds = facts->durationSeconds;
+            }
+            if (!row.sourceBytes) {
+                row.sourceBytes = facts->bytes;
+            }
+            emit itemChanged(QString::fromStdString(row.id.text()));
+        }
+    });
 }
 
 QueueModel::~QueueModel() {
@@ -304,6 +348,7 @@ void QueueModel::clearFinished() {
 void QueueModel::prepareForQuit() {
     requireMainThread();
     isShuttingDown_ = true;
+    sourceProbes_->close();
     if (scan_) {
         scan_->cancel->cancel();
     }
@@ -327,7 +372,11 @@ void QueueModel::prepareForQuit() {
 }
 
 bool QueueModel::waitForBackgroundWork(std::chrono::milliseconds limit) {
-    return handoff_->waitUntilIdle(limit);
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    const bool jobs = handoff_->waitUntilIdle(limit);
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    return sourceProbes_->waitUntilIdle(std::max(left, std::chrono::milliseconds(0))) && jobs;
 }
 
 void QueueModel::deliverBackgroundResults() {

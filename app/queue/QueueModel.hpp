@@ -36,6 +36,7 @@
 #include "app/queue/FastCutReview.hpp"
 #include "app/queue/IntakeFiles.hpp"
 #include "app/queue/QueueJob.hpp"
+#include "app/queue/SourceFacts.hpp"
 #include "app/trim/TrimEditorTypes.hpp"
 #include "engine/clips/Uuid.hpp"
 #include "engine/encoders/EncoderCapabilityPolicy.hpp"
@@ -76,6 +77,9 @@ struct QueueItem {
     bool destinationWasOverridden = false;
     State state;
     std::optional<int64_t> sourceBytes;
+    // The picture size the queue's probe of the source found.
+    std::optional<int64_t> sourceWidth;
+    std::optional<int64_t> sourceHeight;
     std::optional<int64_t> outputBytes;
     bool isHDR = false;
     std::optional<double> sourceDurationSeconds;
@@ -269,9 +273,12 @@ public:
     [[nodiscard]] std::optional<TrimEditorRequest> trimEditorRequest(const engine::Uuid& id) const;
     // The editor's Apply for row `id`: false, changing nothing, unless the row waits (staged, or
     // waiting with a conversion) and can take the result: clips need a preset once they start.
+    // On a waiting conversion, several separate clips become one waiting row each, the first
+    // keeping `id`. Staged clips are exported when the row starts: by its preset, or under Fast
+    // cut by a review that plans each clip (separate) or each piece of the joined output.
     [[nodiscard]] bool applyTrimEditor(const engine::Uuid& id, const TrimEditorResult& result);
 
-    // Blocks until no job or scan thread runs, at most `limit`; true when none does. Results
+    // Blocks until no job, scan or source probe runs, at most `limit`; true when none does. Results
     // arrive through the event loop afterwards. For orderly shutdown and tests.
     [[nodiscard]] bool waitForBackgroundWork(std::chrono::milliseconds limit);
 
@@ -365,6 +372,9 @@ private:
     std::optional<FastCutReviewRequest> fastCutReview_;
     ReviewBasis reviewBasis_;
     std::shared_ptr<MainThreadHandoff> handoff_;
+    // Probes each new row's source once for its length, picture size and file size, which the
+    // row shows; declared last so that it stops first.
+    std::unique_ptr<SourceFactsLoader> sourceProbes_;
 };
 
 }  // namespace tessarin::app

@@ -17,10 +17,12 @@
 
 namespace tessarin::app {
 
+using queue_internal::clipRows;
 using queue_internal::kChooseAction;
 using queue_internal::kClipsNeedPreset;
 using queue_internal::kFastCutNeedsTrim;
 using queue_internal::queueLog;
+using queue_internal::reviewEntry;
 using queue_internal::trimLabelOf;
 
 namespace {
@@ -67,7 +69,7 @@ void QueueModel::start() {
             continue;
         }
         const engine::Trim trim = item.pendingTrim.value_or(batch.value_or(engine::Trim{}));
-        if (action.kind == ActionID::Kind::fastCut && trim.isEmpty()) {
+        if (action.kind == ActionID::Kind::fastCut && trim.isEmpty() && !item.pendingClips) {
             notice(kFastCutNeedsTrim);
             continue;
         }
@@ -78,7 +80,7 @@ void QueueModel::start() {
         }
         if (action.kind == ActionID::Kind::fastCut) {
             // Nothing is cut before the user has seen the plan.
-            reviewed.push_back({item.id, item.source, trim, std::nullopt, std::nullopt});
+            reviewed.push_back(reviewEntry(item, trim));
             continue;
         }
         if (item.pendingClips && (!action.isPreset() || !preset)) {
@@ -116,24 +118,18 @@ void QueueModel::start() {
     for (const engine::Uuid& id : expanded) {
         const auto found = std::find_if(items_.begin(), items_.end(),
                                         [&id](const QueueItem& row) { return row.id == id; });
-        const QueueItem original = *found;
-        std::vector<QueueItem> rows;
-        for (std::size_t index = 0; index < original.pendingClips->size(); ++index) {
-            const engine::ClipSelection& clip = (*original.pendingClips)[index];
+        std::vector<JobKind> kinds;
+        std::vector<engine::Trim> ranges;
+        for (std::size_t index = 0; index < found->pendingClips->size(); ++index) {
+            const engine::ClipSelection& clip = (*found->pendingClips)[index];
             engine::Preset clipPreset = *preset;
             clipPreset.options.trim = clip.trim();
             clipPreset.filenameSuffix += clip.fileSuffix(index);
-            QueueItem row = original;
-            row.id = index == 0 ? original.id : engine::Uuid::random();
-            row.pendingClips.reset();
-            row.kind = JobKind{JobKind::Convert{std::move(clipPreset)}};
-            row.descriptor = descriptor;
-            row.trimLabel = fmt::format("Clip {} of {} · {}", index + 1,
-                                        original.pendingClips->size(), trimLabelOf(clip.trim()));
-            row.state = {QueueItem::StateKind::waiting, {}, {}, {}};
-            rows.push_back(std::move(row));
-            ++assigned;
+            kinds.push_back(JobKind{JobKind::Convert{std::move(clipPreset)}});
+            ranges.push_back(clip.trim());
         }
+        const std::vector<QueueItem> rows = clipRows(*found, kinds, ranges, descriptor);
+        assigned += rows.size();
         const auto at = items_.erase(found);
         items_.insert(at, rows.begin(), rows.end());
     }

@@ -9,6 +9,7 @@ namespace tessarin::app {
 
 namespace {
 
+using queue_internal::clipRows;
 using queue_internal::trimLabelOf;
 
 // The preset a waiting conversion runs, if it is one.
@@ -64,11 +65,6 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
         !(row->state.kind == QueueItem::StateKind::waiting && preset && row->descriptor)) {
         return false;  // running, finished, or a waiting job that only takes its own trim
     }
-    const bool separateClips =
-        result.clips && result.clips->size() > 1 && result.mode == ClipExportMode::separate;
-    if (!staged && separateClips) {
-        return false;  // one waiting job can't become several outputs
-    }
 
     std::optional<engine::Trim> trim;
     if (result.inheritBatch) {
@@ -95,7 +91,26 @@ bool QueueModel::applyTrimEditor(const engine::Uuid& id, const TrimEditorResult&
             result.trim ? std::optional<std::string>("Using this file’s trim") : std::nullopt;
     }
     if (!staged) {
-        // A waiting conversion takes the new range now.
+        // A waiting conversion takes the new range now; separate clips become one waiting row
+        // each, in the row's place, as a Convert of a staged row makes them.
+        if (row->pendingClips && row->clipMode == ClipExportMode::separate &&
+            row->pendingClips->size() > 1) {
+            std::vector<JobKind> kinds;
+            std::vector<engine::Trim> ranges;
+            for (std::size_t index = 0; index < row->pendingClips->size(); ++index) {
+                const engine::ClipSelection& clip = (*row->pendingClips)[index];
+                engine::Preset clipPreset = *preset;
+                clipPreset.options.trim = clip.trim();
+                clipPreset.filenameSuffix += clip.fileSuffix(index);
+                kinds.push_back(JobKind{JobKind::Convert{std::move(clipPreset)}});
+                ranges.push_back(clip.trim());
+            }
+            const std::vector<QueueItem> rows = clipRows(*row, kinds, ranges, row->descriptor);
+            const auto at = items_.erase(items_.begin() + (row - items_.data()));
+            items_.insert(at, rows.begin(), rows.end());
+            emit itemsChanged();
+            return true;
+        }
         if (row->pendingClips) {
             std::vector<engine::Trim> ranges;
             for (const engine::ClipSelection& clip : *row->pendingClips) {

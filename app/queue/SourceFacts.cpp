@@ -34,8 +34,16 @@ std::string durationText(double seconds) {
 }
 
 SourceFacts gather(const std::filesystem::path& source, const std::optional<engine::Tools>& tools,
-                   engine::ProcessRunner& probeRunner, engine::ProcessRunner& thumbnailRunner) {
+                   SourceFactsLoader::Task task, engine::ProcessRunner& runner) {
     SourceFacts facts;
+    if (task == SourceFactsLoader::Task::thumbnail) {
+        if (tools) {
+            facts.thumbnailPng = engine::Thumbnail::render(
+                                     source, *tools, 0, SourceFactsLoader::kThumbnailWidth, runner)
+                                     .value_or("");
+        }
+        return facts;
+    }
     std::error_code error;
     const auto size = std::filesystem::file_size(source, error);
     if (!error) {
@@ -45,18 +53,11 @@ SourceFacts gather(const std::filesystem::path& source, const std::optional<engi
         return facts;
     }
     try {
-        const engine::MediaInfo info =
-            engine::MediaProbe::probe(source, *tools, engine::MediaInputPolicy::unrestricted,
-                                      probeRunner, kProbeTimeout, false);
+        const engine::MediaInfo info = engine::MediaProbe::probe(
+            source, *tools, engine::MediaInputPolicy::unrestricted, runner, kProbeTimeout, false);
         facts.durationSeconds = info.durationSeconds;
         facts.width = info.width;
         facts.height = info.height;
-        if (info.width) {
-            facts.thumbnailPng =
-                engine::Thumbnail::render(source, *tools, 0, SourceFactsLoader::kThumbnailWidth,
-                                          thumbnailRunner)
-                    .value_or("");
-        }
     } catch (const engine::MediaProbeError&) {
         // The row shows the size alone; the job will say what is wrong with the file.
     }
@@ -79,36 +80,32 @@ std::string SourceFacts::summary() const {
     return fmt::format("{}", fmt::join(parts, " · "));
 }
 
-// The files still to look at, and the tools running now, so that closing stops them.
+// The files still to look at, and the tool running now, so that closing stops it.
 struct SourceFactsLoader::Pending {
     std::mutex mutex;
     std::deque<std::pair<engine::Uuid, std::filesystem::path>> files;  // guarded by mutex
     bool working = false;                                              // guarded by mutex
     bool closed = false;                                               // guarded by mutex
-    std::shared_ptr<engine::ProcessRunner> probe;                      // guarded by mutex
-    std::shared_ptr<engine::ProcessRunner> thumbnail;                  // guarded by mutex
+    std::shared_ptr<engine::ProcessRunner> runner;                     // guarded by mutex
 
     void close() {
-        std::shared_ptr<engine::ProcessRunner> a;
-        std::shared_ptr<engine::ProcessRunner> b;
+        std::shared_ptr<engine::ProcessRunner> running;
         {
             std::lock_guard lock(mutex);
             closed = true;
             files.clear();
-            a = probe;
-            b = thumbnail;
+            running = runner;
         }
-        for (const auto& runner : {a, b}) {
-            if (runner) {
-                runner->cancel(engine::ProcessRunner::kUserCancelGrace);
-            }
+        if (running) {
+            running->cancel(engine::ProcessRunner::kUserCancelGrace);
         }
     }
 };
 
-SourceFactsLoader::SourceFactsLoader(std::optional<engine::Tools> tools, QObject* parent)
+SourceFactsLoader::SourceFactsLoader(std::optional<engine::Tools> tools, Task task, QObject* parent)
     : QObject(parent),
       tools_(std::move(tools)),
+      task_(task),
       pending_(std::make_shared<Pending>()),
       handoff_(std::make_shared<MainThreadHandoff>(this, "deliverBackgroundResults", factsLog())) {}
 
@@ -116,6 +113,10 @@ SourceFactsLoader::~SourceFactsLoader() {
     handoff_->detach();
     pending_->close();
     (void)handoff_->waitUntilIdle(kCloseWait);
+}
+
+void SourceFactsLoader::close() {
+    pending_->close();
 }
 
 void SourceFactsLoader::deliverBackgroundResults() {
@@ -139,17 +140,19 @@ void SourceFactsLoader::request(const engine::Uuid& id, const std::filesystem::p
     }
     {
         std::lock_guard lock(pending_->mutex);
+        if (pending_->closed) {
+            return;
+        }
         pending_->files.emplace_back(id, source);
         if (pending_->working) {
             return;
         }
         pending_->working = true;
     }
-    handoff_->start([this, pending = pending_, handoff = handoff_, tools = tools_]() {
+    handoff_->start([this, pending = pending_, handoff = handoff_, tools = tools_, task = task_]() {
         for (;;) {
             std::pair<engine::Uuid, std::filesystem::path> next;
-            auto probe = std::make_shared<engine::ProcessRunner>();
-            auto thumbnail = std::make_shared<engine::ProcessRunner>();
+            auto runner = std::make_shared<engine::ProcessRunner>();
             {
                 std::lock_guard lock(pending->mutex);
                 if (pending->files.empty() || pending->closed) {
@@ -158,10 +161,9 @@ void SourceFactsLoader::request(const engine::Uuid& id, const std::filesystem::p
                 }
                 next = pending->files.front();
                 pending->files.pop_front();
-                pending->probe = probe;
-                pending->thumbnail = thumbnail;
+                pending->runner = runner;
             }
-            SourceFacts facts = gather(next.second, tools, *probe, *thumbnail);
+            SourceFacts facts = gather(next.second, tools, task, *runner);
             handoff->post([this, id = next.first, facts = std::move(facts)] {
                 facts_[id] = facts;
                 emit factsReady(QString::fromStdString(id.text()));

@@ -1,5 +1,5 @@
 // `tessarin cut`: plans reviewed before anything is written, lossless copies on keyframes, the
-// sources it refuses, and segments joined into one file.
+// sources it refuses, and segments joined into one file (kept, or taken out).
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -30,23 +30,8 @@ constexpr const char* kUnsupported =
     "Fast cut supports H.264 video with AAC audio or no audio in MP4/MOV files with a zero-based "
     "video timeline. Use a conversion preset for this source.";
 
-// 20 s of H.264 at 25 fps with a keyframe exactly every 5 s, and AAC audio.
-const fs::path& keyframeClip() {
-    static const fs::path clip =
-        test::makeClip("keyframes-every-5s.mp4",
-                       {"-f",           "lavfi",
-                        "-i",           "testsrc2=size=160x120:rate=25:duration=20",
-                        "-f",           "lavfi",
-                        "-i",           "sine=frequency=440:sample_rate=48000:duration=20",
-                        "-c:v",         "libx264",
-                        "-preset",      "ultrafast",
-                        "-pix_fmt",     "yuv420p",
-                        "-g",           "125",
-                        "-x264-params", "keyint=125:min-keyint=125:scenecut=0",
-                        "-c:a",         "aac",
-                        "-b:a",         "64k",
-                        "-shortest"});
-    return clip;
+fs::path keyframeClip() {
+    return test::testClip(test::TestClip::keyframesEvery5s);
 }
 
 // H.264 in MP4, but with MP3 audio.
@@ -255,7 +240,6 @@ TEST(CliCut, ExportsNothingUntilConfirmedAndRefusesBadRanges) {
         {{"--trim", "1,2", "--segment", "3,4"}, "Use either --trim or --segment, not both."},
         {{"--trim", "1,2", "--join", "keep"},
          "--join needs at least one --segment or a --clip-list."},
-        {{"--segment", "1,2", "--join", "remove"}, "A cut can only keep segments"},
         {{}, "A cut needs --trim, --segment or --clip-list."},
         {{"--trim", "5,1"}, "--trim 5,1"},
     };
@@ -373,6 +357,13 @@ TEST(CliCut, SegmentsGiveOneCutEachOrOneJoinedFile) {
                 ElementsAre("match-cut-2.mp4", "match-cut-3.mp4", "match-cut.mp4", "match.mp4"));
     // The pieces and the list went with the work folder.
     EXPECT_THAT(namesIn(workRoot.path()), ElementsAre());
+
+    // Taking 4–11 out keeps 0–4 and 11–20: planned 0–5 and 10–20, 15 s in one file.
+    const ToolRun removed = runTool(
+        {"cut", "--yes", "--segment", "4,11", "--join", "remove", source.string()}, environment);
+    ASSERT_EQ(removed.exitCode, 0) << removed.err;
+    EXPECT_EQ(removed.out, (folder / "match-cut-4.mp4").string() + "\n");
+    EXPECT_NEAR(probe(folder / "match-cut-4.mp4").durationSeconds.value_or(0), 15.0, 0.1);
 }
 
 }  // namespace

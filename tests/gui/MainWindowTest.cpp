@@ -17,7 +17,6 @@
 #include "gui/ActionChips.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/ElidedLabel.hpp"
-#include "gui/FastCutReviewDialog.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/NoticeBanner.hpp"
 #include "gui/QueueList.hpp"
@@ -51,12 +50,7 @@ protected:
         return texts;
     }
 
-    void click(const char* name) const {
-        auto* button = qobject_cast<QAbstractButton*>(find(name));
-        ASSERT_NE(button, nullptr) << name;
-        ASSERT_TRUE(button->isEnabled()) << name;
-        QTest::mouseClick(button, Qt::LeftButton);
-    }
+    void click(const char* name) const { WindowTest::click(window_.get(), name); }
 };
 
 TEST_F(MainWindowTest, DroppedClipsWaitForAnActionThenConvertWithTheChosenChip) {
@@ -302,66 +296,6 @@ TEST_F(MainWindowTest, DeleteRemovesTheFocusedStagedRow) {
     EXPECT_EQ(core_->queue().items()[0].source.filename(), "keep.mp4");
 }
 
-TEST_F(MainWindowTest, FastCutOpensTheReviewAndExportCutsTheReadyFile) {
-    // 20 s with a keyframe every 5 s, so that 7–13 is planned as 5–15.
-    const fs::path clip = test::makeClip(
-        "keyframes-every-5s.mp4",
-        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=20", "-f", "lavfi", "-i",
-         "sine=frequency=440:sample_rate=48000:duration=20", "-c:v", "libx264", "-preset",
-         "ultrafast", "-x264-params", "keyint=125:min-keyint=125:scenecut=0", "-pix_fmt", "yuv420p",
-         "-c:a", "aac", "-shortest"});
-    test::dropOn(find("dropZone"), {stage(clip, "talk.mp4"),
-                                    stage(test::testClip(test::TestClip::vp9Opus), "web.webm")});
-    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 2; }));
-    QTest::keyClicks(qobject_cast<QLineEdit*>(find("trimStart")), "7");
-    QTest::keyClicks(qobject_cast<QLineEdit*>(find("trimEnd")), "13");
-    QToolButton* chip = window_->chips()->chip(app::ActionID::fastCut());
-    ASSERT_NE(chip, nullptr);
-    QTest::mouseClick(chip, Qt::LeftButton);
-    click("convertButton");
-
-    ASSERT_TRUE(waitUntil([&] { return window_->fastCutReviewDialog() != nullptr; }));
-    FastCutReviewDialog* dialog = window_->fastCutReviewDialog();
-    EXPECT_TRUE(dialog->isModal());
-    EXPECT_EQ(stateTexts(),
-              (std::vector<QString>{"Waiting for an action", "Waiting for an action"}));
-    const engine::Uuid talk = core_->queue().items()[0].id;
-    const engine::Uuid web = core_->queue().items()[1].id;
-    ASSERT_TRUE(waitUntil([&] { return !dialog->review().loading(); }));
-    EXPECT_FALSE(dialog->findChild<QWidget*>("planningText")->isVisible());
-    EXPECT_TRUE(dialog->rowText(talk).contains("Adds 2.000 s before and 2.000 s after"))
-        << dialog->rowText(talk).toStdString();
-    EXPECT_EQ(
-        dialog->rowText(web),
-        QString(engine::FastCut::Failure(engine::FastCut::Failure::Kind::unsupported).what()));
-    auto chooseButton = [&](const engine::Uuid& id) {
-        return dialog->findChild<QWidget*>(QString::fromStdString("reviewRow:" + id.text()))
-            ->findChild<QPushButton*>("chooseConversionButton");
-    };
-    EXPECT_FALSE(chooseButton(talk)->isVisible());
-    EXPECT_TRUE(chooseButton(web)->isVisible());
-    EXPECT_EQ(chooseButton(web)->text(), QString("Choose conversion preset…"));
-    EXPECT_EQ(dialog->findChild<QLabel*>("closingText")->text(),
-              QString("Only reviewed, ready files will start. Other files stay in the queue. "
-                      "Export still checks that the source and boundaries have not changed and "
-                      "that the cut decodes."));
-    EXPECT_FALSE(dialog->findChild<QWidget*>("acceptWholeFile")->isVisible());
-    EXPECT_FALSE(dialog->findChild<QWidget*>("reviewChanged")->isVisible());
-    test::screenshotAtBothScales(dialog, "fast-cut-review");
-
-    QPushButton* exportButton = dialog->exportButton();
-    ASSERT_TRUE(exportButton->isEnabled());
-    QTest::mouseClick(exportButton, Qt::LeftButton);
-    EXPECT_TRUE(waitUntil([&] { return window_->fastCutReviewDialog() == nullptr; }));
-    ASSERT_TRUE(waitUntil([&] { return core_->queue().items()[0].isFinished(); }));
-    const app::QueueItem& item = core_->queue().items()[0];
-    ASSERT_EQ(item.state.kind, StateKind::done)
-        << (item.state.failure ? item.state.failure->stderrTail : "");
-    EXPECT_EQ(stateTexts(), (std::vector<QString>{"Fast cut", "Waiting for an action"}));
-    EXPECT_EQ(item.state.output, media_.path() / "talk-cut.mp4");
-    EXPECT_TRUE(fs::is_regular_file(item.state.output));
-}
-
 TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
     test::ConfigHome home;
     auto core = test::makeApp(home, /*withTools=*/false);
@@ -371,6 +305,13 @@ TEST(MainWindowWithoutTools, ShowsTheMissingToolsSentence) {
     ASSERT_NE(missing, nullptr);
     EXPECT_EQ(missing->text(), QString::fromUtf8(app::kMissingToolsSentence));
     EXPECT_EQ(window.findChild<QWidget*>("dropZone"), nullptr);
+    // Files handed to the application are refused too.
+    const test::TempDir dir;
+    const fs::path video = dir / "clip.mp4";
+    { std::ofstream file(video); }
+    core->openURLs({QUrl::fromLocalFile(QString::fromStdString(video.string()))});
+    EXPECT_TRUE(core->queue().items().empty());
+    EXPECT_FALSE(core->queue().hasTools());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <QAbstractButton>
 #include <QTest>
 #include <QUrl>
 #include <chrono>
@@ -33,6 +34,14 @@ protected:
         QTest::qWait(20);
         window_.reset();
         core_.reset();
+    }
+
+    // Clicks the shown, enabled button `name` inside `parent`.
+    static void click(QWidget* parent, const char* name) {
+        auto* button = parent->findChild<QAbstractButton*>(name);
+        ASSERT_NE(button, nullptr) << name;
+        ASSERT_TRUE(button->isVisible() && button->isEnabled()) << name;
+        QTest::mouseClick(button, Qt::LeftButton);
     }
 
     // A copy of `clip` in this test's folder, so that outputs land there.

@@ -7,9 +7,11 @@
 
 #include <cstdint>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <string_view>
 
+#include "engine/probe/MediaProbe.hpp"
 #include "engine/process/ProcessRunner.hpp"
 
 namespace tessarin::test {
@@ -197,8 +199,44 @@ fs::path testClip(TestClip clip) {
                      kX264,
                      kAac,
                      {"-movflags", "+faststart", "-shortest"}}));
+        case TestClip::keyframesEverySecond:
+            return makeClip("keyframes-every-1s.mp4",
+                            {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4",
+                             "-c:v", "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p",
+                             "-x264-params", "keyint=10:min-keyint=10:scenecut=0"});
+        case TestClip::keyframesEvery5s:
+            return makeClip(
+                "keyframes-every-5s.mp4",
+                {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=20", "-f", "lavfi",
+                 "-i", "sine=frequency=440:sample_rate=48000:duration=20", "-c:v", "libx264",
+                 "-preset", "ultrafast", "-x264-params", "keyint=125:min-keyint=125:scenecut=0",
+                 "-pix_fmt", "yuv420p", "-c:a", "aac", "-shortest"});
     }
     throw std::logic_error("unknown test clip");
+}
+
+engine::MediaInfo probeFile(const fs::path& file) {
+    engine::ProcessRunner runner;
+    return engine::MediaProbe::probe(file, helperTools(), engine::MediaInputPolicy::unrestricted,
+                                     runner);
+}
+
+std::vector<std::string> videoPacketHashes(const fs::path& file) {
+    engine::ProcessRunner runner;
+    const engine::ProcessResult result =
+        runner.run(helperTools().ffprobe,
+                   {"-v", "error", "-select_streams", "v:0", "-show_packets", "-show_data_hash",
+                    "MD5", "-show_entries", "packet=data_hash", "-of", "csv=p=0", file.string()},
+                   true);
+    EXPECT_EQ(result.exitCode, 0) << result.stderrTail;
+    std::vector<std::string> hashes;
+    std::istringstream lines(result.stdoutData.value_or(""));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("MD5:")) {
+            hashes.push_back(line);
+        }
+    }
+    return hashes;
 }
 
 }  // namespace tessarin::test

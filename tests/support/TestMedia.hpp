@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/probe/MediaInfo.hpp"
 #include "engine/process/Tools.hpp"
 #include "tests/support/TempDir.hpp"
 
@@ -26,6 +27,10 @@ enum class TestClip {
     // MP4, H.264 + AAC, 10 s: a 440 Hz tone silenced from 2 to 4 s and from 6 s to the end;
     // the picture is a still colour, so nearly all of the file is audio.
     pausedTone,
+    // MP4, H.264 160x120 at 25 fps + AAC, 20 s, with keyframes at 0, 5, 10 and 15 s only.
+    keyframesEvery5s,
+    // MP4, H.264 160x120 at 10 fps, 4 s, with a keyframe every second; no audio.
+    keyframesEverySecond,
 };
 
 // The path of the clip, generating it first if the cache doesn't hold it. Safe from several
@@ -38,6 +43,13 @@ enum class TestClip {
 // the recipe's hash.
 [[nodiscard]] std::filesystem::path makeClip(const std::string& name,
                                              const std::vector<std::string>& ffmpegArguments);
+
+// The facts of `file` by the helper folder's ffprobe. Throws engine::MediaProbeError.
+[[nodiscard]] engine::MediaInfo probeFile(const std::filesystem::path& file);
+
+// "MD5:<hex>" of the data of each packet of the first video stream of `file`, in file order: a
+// stream copy carries the source's packets unchanged, a re-encode doesn't.
+[[nodiscard]] std::vector<std::string> videoPacketHashes(const std::filesystem::path& file);
 
 // The helper folder of this build (ffmpeg, ffprobe, gifsicle), and its tools.
 [[nodiscard]] std::filesystem::path helperDirectory();

@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "app/queue/QueueModel.hpp"
 #include "engine/log/Log.hpp"
@@ -41,6 +42,18 @@ inline constexpr const char* kFastCutNeedsTrim =
 
 // A row's trim text, "start–end" with an open side named.
 [[nodiscard]] std::string trimLabelOf(const engine::Trim& trim);
+
+// Row `original` as one waiting row per clip, in clip order, each running `kinds[i]` under
+// `descriptor` and labelled "Clip i of n · range" with `ranges[i]`. The first row keeps the
+// original's id, so that whoever holds it (an open editor, a review) still finds the file.
+[[nodiscard]] std::vector<QueueItem> clipRows(const QueueItem& original,
+                                              const std::vector<JobKind>& kinds,
+                                              const std::vector<engine::Trim>& ranges,
+                                              const std::optional<ActionDescriptor>& descriptor);
+
+// The review entry of staged row `item`: its clips and their mode when it has clips, else `trim`.
+[[nodiscard]] FastCutReviewRequest::Entry reviewEntry(const QueueItem& item,
+                                                      const engine::Trim& trim);
 
 }  // namespace queue_internal
 

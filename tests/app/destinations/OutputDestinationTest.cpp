@@ -61,39 +61,38 @@ protected:
     std::shared_ptr<engine::SettingsStore> defaults_;
 };
 
-TEST_F(OutputDestinationTest, ModeIsReadFromItsRawStringAndUnknownReadsAsSameFolder) {
+TEST_F(OutputDestinationTest, ModeIsReadFromItsRawStringAndAskEachTimeTakesOnlyAnOverride) {
     OutputDestination destinations(defaults_);
     EXPECT_EQ(destinations.mode(), OutputMode::sameFolder);
+    const fs::path dropped = makeFolder("Dropped");
+    EXPECT_EQ(destinations.resolve(dropped), Resolution::sameFolder());
 
     destinations.setMode(OutputMode::askEachTime);
     EXPECT_EQ(stored()["outputMode"], "askEachTime");
     EXPECT_EQ(destinations.mode(), OutputMode::askEachTime);
+    EXPECT_EQ(destinations.resolve(dropped), Resolution::inFolder(dropped));
+    // Links and file-manager actions have no window to ask from.
+    EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::sameFolder());
 
     test::writeSettingsFile(home_.standardFile(), {{"outputMode", "cloudFolder"}});
     defaults_->reload();
     EXPECT_EQ(destinations.mode(), OutputMode::sameFolder);
-    EXPECT_EQ(destinations.resolve(makeFolder("Dropped")), Resolution::sameFolder());
+    EXPECT_EQ(destinations.resolve(dropped), Resolution::sameFolder());
 
     test::writeSettingsFile(home_.standardFile(), {{"outputMode", 3}});
     defaults_->reload();
     EXPECT_EQ(destinations.mode(), OutputMode::sameFolder);
 }
 
-TEST_F(OutputDestinationTest, AskEachTimeUsesTheOverrideOnlyWhenGiven) {
-    OutputDestination destinations(defaults_);
-    const fs::path dropped = makeFolder("Dropped");
-    EXPECT_EQ(destinations.resolve(dropped), Resolution::sameFolder());
-
-    destinations.setMode(OutputMode::askEachTime);
-    EXPECT_EQ(destinations.resolve(dropped), Resolution::inFolder(dropped));
-    // Links and file-manager actions have no window to ask from.
-    EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::sameFolder());
-}
-
-TEST_F(OutputDestinationTest, ChosenFolderIsStoredAndResolved) {
-    OutputDestination destinations(defaults_);
+TEST_F(OutputDestinationTest, ChosenFolderIsStoredAndResolvedAlsoAfterTheHandleIsGone) {
     const fs::path folder = makeFolder("Exports");
-    EXPECT_EQ(destinations.chooseFolder(folder), std::nullopt);
+    OutputDestination::DestinationResolver resolver;
+    {
+        OutputDestination destinations(defaults_);
+        EXPECT_EQ(destinations.chooseFolder(folder), std::nullopt);
+        resolver = destinations.destinationResolver();
+    }
+    EXPECT_EQ(resolver(std::nullopt), Resolution::inFolder(folder));
 
     const json file = stored();
     EXPECT_EQ(file["outputMode"], "customFolder");
@@ -150,7 +149,7 @@ TEST_F(OutputDestinationTest, UnavailableFoldersGiveTheirSentences) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
 }
 
-TEST_F(OutputDestinationTest, StaleBookmarkIsMadeAgainAndStored) {
+TEST_F(OutputDestinationTest, StaleBookmarkIsMadeAgainAndStoredWhenResolvedOrRefreshed) {
     OutputDestination destinations(defaults_);
     const fs::path folder = makeFolder("Exports");
     ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
@@ -164,9 +163,16 @@ TEST_F(OutputDestinationTest, StaleBookmarkIsMadeAgainAndStored) {
     EXPECT_EQ(file["outputFolderBookmark"]["path"], folder.string());
     EXPECT_EQ(file["outputFolderPath"], folder.string());
     // Made again, it now resolves as it stands.
-    const std::optional<ResolvedBookmark> again =
-        FolderBookmark::resolve(file["outputFolderBookmark"].dump());
-    EXPECT_EQ(again, (ResolvedBookmark{folder, false}));
+    EXPECT_EQ(FolderBookmark::resolve(file["outputFolderBookmark"].dump()),
+              (ResolvedBookmark{folder, false}));
+
+    // A refresh at launch does the same in the background.
+    replaceWithAnotherFolder(folder);
+    destinations.refreshBookmark();
+    ASSERT_TRUE(destinations.waitForBackgroundWork(kPatience));
+    EXPECT_NE(stored()["outputFolderBookmark"]["inode"], file["outputFolderBookmark"]["inode"]);
+    EXPECT_EQ(FolderBookmark::resolve(stored()["outputFolderBookmark"].dump()),
+              (ResolvedBookmark{folder, false}));
 }
 
 TEST_F(OutputDestinationTest, StaleBookmarkIsNotStoredOverAChoiceMadeMeanwhile) {
@@ -182,20 +188,6 @@ TEST_F(OutputDestinationTest, StaleBookmarkIsNotStoredOverAChoiceMadeMeanwhile) 
     EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::inFolder(oldFolder));
     EXPECT_EQ(stored()["outputFolderPath"], newFolder.string());
     EXPECT_EQ(stored()["outputFolderBookmark"]["path"], newFolder.string());
-}
-
-TEST_F(OutputDestinationTest, RefreshRemakesAStaleBookmarkInTheBackground) {
-    OutputDestination destinations(defaults_);
-    const fs::path folder = makeFolder("Exports");
-    ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
-    const json oldBookmark = stored()["outputFolderBookmark"];
-    replaceWithAnotherFolder(folder);
-
-    destinations.refreshBookmark();
-    ASSERT_TRUE(destinations.waitForBackgroundWork(kPatience));
-    EXPECT_NE(stored()["outputFolderBookmark"]["inode"], oldBookmark["inode"]);
-    EXPECT_EQ(FolderBookmark::resolve(stored()["outputFolderBookmark"].dump()),
-              (ResolvedBookmark{folder, false}));
 }
 
 TEST_F(OutputDestinationTest, FolderChosenDuringARefreshStaysChosen) {
@@ -222,17 +214,6 @@ TEST_F(OutputDestinationTest, FolderChosenDuringARefreshStaysChosen) {
     destinations.state()->resolver = nullptr;
     EXPECT_EQ(stored()["outputFolderPath"], newFolder.string());
     EXPECT_EQ(destinations.resolve(std::nullopt), Resolution::inFolder(newFolder));
-}
-
-TEST_F(OutputDestinationTest, DestinationResolverOutlivesTheHandle) {
-    const fs::path folder = makeFolder("Exports");
-    OutputDestination::DestinationResolver resolver;
-    {
-        OutputDestination destinations(defaults_);
-        ASSERT_EQ(destinations.chooseFolder(folder), std::nullopt);
-        resolver = destinations.destinationResolver();
-    }
-    EXPECT_EQ(resolver(std::nullopt), Resolution::inFolder(folder));
 }
 
 }  // namespace

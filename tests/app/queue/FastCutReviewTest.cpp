@@ -27,14 +27,8 @@ using test::waitFor;
 using ::testing::HasSubstr;
 using Kind = QueueItem::StateKind;
 
-// 20 s, 160x120 at 25 fps with AAC audio; keyframes at 0, 5, 10 and 15 s only.
 fs::path keyframeClip() {
-    return test::makeClip(
-        "keyframes-every-5s.mp4",
-        {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=20", "-f", "lavfi", "-i",
-         "sine=frequency=440:sample_rate=48000:duration=20", "-c:v", "libx264", "-preset",
-         "ultrafast", "-x264-params", "keyint=125:min-keyint=125:scenecut=0", "-pix_fmt", "yuv420p",
-         "-c:a", "aac", "-shortest"});
+    return test::testClip(test::TestClip::keyframesEvery5s);
 }
 
 const char* unsupportedSentence() {
@@ -88,11 +82,7 @@ protected:
     }
 
     static double videoSeconds(const fs::path& file) {
-        engine::ProcessRunner runner;
-        const engine::MediaInfo info =
-            engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
-                                      engine::MediaInputPolicy::unrestricted, runner);
-        return info.videoDuration.value_or(0);
+        return test::probeFile(file).videoDuration.value_or(0);
     }
 
     test::TempDir dir;
@@ -138,7 +128,8 @@ TEST_F(FastCutReviewTest, ExportsOnlyTheReadyPlanAndLeavesTheRestStaged) {
     EXPECT_EQ(checked, (std::vector<engine::Uuid>{talkID, webmID}));
 
     ASSERT_EQ(review->plans().size(), 1U);
-    const engine::FastCut::Plan plan = review->plans().at(talkID);
+    ASSERT_EQ(review->plans().at(talkID).size(), 1U);
+    const engine::FastCut::Plan plan = review->plans().at(talkID).front().plan;
     EXPECT_DOUBLE_EQ(plan.start, 5.0);
     EXPECT_DOUBLE_EQ(plan.end, 15.0);
     EXPECT_THAT(review->statusText(talkID), HasSubstr("Adds 2.000 s before and 2.000 s after"));
@@ -181,23 +172,90 @@ TEST_F(FastCutReviewTest, ExportsOnlyTheReadyPlanAndLeavesTheRestStaged) {
     EXPECT_EQ(staged.pendingTrim, (engine::Trim{"7", "13"}));
 }
 
-TEST_F(FastCutReviewTest, AFileWithoutATrimIsRefusedAndNotReviewed) {
-    const fs::path talk = test::copyClip(keyframeClip(), dir / "talk.mp4");
+TEST_F(FastCutReviewTest, ClipsFromTheEditorAreCutOneOutputEachOrJoinedWithoutReencoding) {
+    const fs::path separate = test::copyClip(keyframeClip(), dir / "separate.mp4");
+    const fs::path joined = test::copyClip(keyframeClip(), dir / "joined.mp4");
+    ASSERT_TRUE(queue->intake(urlsOf({separate, joined}), {}));
+    const engine::Uuid separateID = itemFor(separate).id;
+    const engine::Uuid joinedID = itemFor(joined).id;
+    TrimEditorResult clips;
+    clips.clips = {engine::ClipSelection(engine::Trim{"6", "7"}, "Intro"),
+                   engine::ClipSelection(engine::Trim{"16", "17"}, "")};
+    ASSERT_TRUE(queue->applyTrimEditor(separateID, clips));
+    // Taking 4–11 out keeps 0–4 and 11–20, planned 0–5 and 10–20 and joined (keeping ranges
+    // joins them the same way).
+    clips.mode = ClipExportMode::remove;
+    clips.clips = {engine::ClipSelection(engine::Trim{"4", "11"}, "")};
+    ASSERT_TRUE(queue->applyTrimEditor(joinedID, clips));
+
+    // No batch trim: the clips are what is cut.
+    queue->setSelectedActionID(ActionID::fastCut());
+    queue->start();
+    ASSERT_TRUE(queue->fastCutReview());
+    std::unique_ptr<FastCutReview> review = plannedReview();
+    ASSERT_TRUE(review);
+    EXPECT_TRUE(review->failures().empty()) << review->statusText(separateID);
+    ASSERT_EQ(review->plans().at(separateID).size(), 2U);
+    ASSERT_EQ(review->plans().at(joinedID).size(), 2U);
+    EXPECT_THAT(review->statusText(separateID), HasSubstr("\nClip 2: Selected 16.000–17.000 s"));
+    EXPECT_THAT(review->statusText(joinedID),
+                HasSubstr("One joined output of 2 parts.\nPart 1: Selected 0.000–4.000 s"));
+    EXPECT_TRUE(queue->isFastCutReviewCurrent(review->request()));
+    review->exportReady();
+
+    ASSERT_TRUE(waitFor([&] {
+        return queue->items().size() == 3 && test::countIn(*queue, Kind::done) == 3;
+    })) << (queue->items().back().state.failure ? queue->items().back().state.failure->stderrTail
+                                                : "");
+    const std::vector<QueueItem>& rows = queue->items();
+    EXPECT_EQ(rows[0].id, separateID);
+    EXPECT_EQ(rows[0].trimLabel, "Clip 1 of 2 · 6–7");
+    EXPECT_EQ(rows[1].trimLabel, "Clip 2 of 2 · 16–17");
+    EXPECT_EQ(rows[2].id, joinedID);
+    ASSERT_TRUE(rows[2].kind && std::holds_alternative<JobKind::FastCutJoin>(rows[2].kind->value));
+    // Each output is a copy: it holds the source's packets (25 a second) of its planned range,
+    // byte for byte.
+    const std::vector<std::string> source = test::videoPacketHashes(separate);
+    ASSERT_EQ(source.size(), 500U);
+    const auto range = [&](int from, int to) {
+        return std::vector<std::string>(source.begin() + from, source.begin() + to);
+    };
+    EXPECT_EQ(test::videoPacketHashes(rows[0].state.output), range(125, 250));
+    EXPECT_EQ(test::videoPacketHashes(rows[1].state.output), range(375, 500));
+    EXPECT_EQ(rows[2].state.output, dir / "joined-cut.mp4");
+    EXPECT_NEAR(videoSeconds(rows[2].state.output), 15.0, 0.1);
+    // The join repeats the stream's parameters in the keyframes (every 125th packet) of the
+    // pieces after the first; every other packet is the source's own.
+    const std::vector<std::string> joinedPackets = test::videoPacketHashes(rows[2].state.output);
+    ASSERT_EQ(joinedPackets.size(), 375U);
+    std::vector<std::string> copied;
+    std::vector<std::string> expected;
+    for (int index = 0; index < 375; ++index) {
+        const int from = index < 125 ? index : index + 125;  // 0–5 s, then 10–20 s
+        if (from % 125 != 0) {
+            copied.push_back(joinedPackets[static_cast<std::size_t>(index)]);
+            expected.push_back(source[static_cast<std::size_t>(from)]);
+        }
+    }
+    EXPECT_EQ(copied, expected);
+}
+
+TEST_F(FastCutReviewTest, NoTrimIsRefusedAndAPlanOfTheWholeVideoIsReadyOnlyWhenAccepted) {
+    const fs::path talk = test::copyClip(keyframeClip(), dir / "whole.mp4");
+    // Without any trim there is nothing to review: the file stays staged, with the sentence.
     convertUnderFastCut({talk}, "", "");
     EXPECT_FALSE(queue->fastCutReview());
     EXPECT_EQ(queue->intakeNotice(),
               "Fix the batch trim or set this file's own trim before Fast cut.");
     EXPECT_EQ(itemFor(talk).state.kind, Kind::needsPreset);
-}
 
-TEST_F(FastCutReviewTest, APlanOfTheWholeVideoIsReadyOnlyWhenAccepted) {
-    const fs::path talk = test::copyClip(keyframeClip(), dir / "whole.mp4");
-    convertUnderFastCut({talk}, "0", "17");
+    queue->setTrim("0", "17");
+    queue->start();
     std::unique_ptr<FastCutReview> review = plannedReview();
     ASSERT_NE(review, nullptr);
     const engine::Uuid id = itemFor(talk).id;
     ASSERT_EQ(review->plans().size(), 1U);
-    EXPECT_TRUE(review->plans().at(id).keepsWholeVideo());
+    EXPECT_TRUE(review->plans().at(id).front().plan.keepsWholeVideo());
     EXPECT_TRUE(review->anyKeepsWholeVideo());
     EXPECT_THAT(review->statusText(id), HasSubstr(FastCutReview::kWholeVideoText));
     EXPECT_FALSE(review->isReady(id));

@@ -1,12 +1,12 @@
 // What the trim editor's Apply leaves on a row, and how the queue exports clips: separate clips
-// as one output each, kept ranges as one joined output; finished rows refuse the editor.
+// as one output each (also from a row already waiting), kept ranges as one joined output;
+// finished rows refuse the editor. Rows carry the facts of the queue's probe of their source.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
 #include "app/queue/QueueModel.hpp"
-#include "engine/probe/MediaProbe.hpp"
 #include "tests/app/queue/QueueTestSupport.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
 #include "tests/support/TempDir.hpp"
@@ -19,10 +19,7 @@ namespace fs = std::filesystem;
 using Kind = QueueItem::StateKind;
 
 double durationOf(const fs::path& file) {
-    engine::ProcessRunner runner;
-    return engine::MediaProbe::probe(file, *engine::Tools::inBundle(test::helperDirectory()),
-                                     engine::MediaInputPolicy::unrestricted, runner)
-        .durationSeconds.value_or(-1);
+    return test::probeFile(file).durationSeconds.value_or(-1);
 }
 
 TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutput) {
@@ -36,6 +33,12 @@ TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutp
     ASSERT_TRUE(test::waitFor([&] { return queue.items().size() == 2; }));
     const engine::Uuid first = queue.items()[0].id;
     const engine::Uuid second = queue.items()[1].id;
+    // The queue probes each new source once for what its row shows.
+    ASSERT_TRUE(test::waitFor([&] { return queue.item(second)->sourceWidth.has_value(); }));
+    EXPECT_EQ(queue.item(second)->sourceWidth, 160);
+    EXPECT_EQ(queue.item(second)->sourceHeight, 120);
+    EXPECT_NEAR(queue.item(second)->sourceDurationSeconds.value_or(0), 10.0, 0.1);
+    EXPECT_EQ(queue.item(second)->sourceBytes, static_cast<int64_t>(fs::file_size(joined)));
 
     const std::optional<TrimEditorRequest> request = queue.trimEditorRequest(first);
     ASSERT_TRUE(request.has_value());
@@ -88,6 +91,50 @@ TEST(QueueTrimEditor, SeparateClipsBecomeOneOutputEachAndKeptRangesOneJoinedOutp
     trim.trim = engine::Trim{"1", "2"};
     EXPECT_FALSE(queue.applyTrimEditor(second, trim));
     EXPECT_FALSE(queue.item(second)->pendingTrim.has_value());
+}
+
+TEST(QueueTrimEditor, AWaitingConversionTakesSeparateClipsAsOneWaitingRowEach) {
+    test::ensureCoreApplication();
+    const test::TempDir dir;
+    // Long enough that it still runs while the second file waits behind it.
+    const fs::path busy = test::copyClip(
+        test::makeClip("queue-long.mp4",
+                       {"-f", "lavfi", "-i", "testsrc2=size=1280x720:rate=30:duration=40", "-c:v",
+                        "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p"}),
+        dir / "busy.mp4");
+    const fs::path talk =
+        test::copyClip(test::testClip(test::TestClip::pausedTone), dir / "talk.mp4");
+    QueueModel queue(engine::Tools::inBundle(test::helperDirectory()));
+    ASSERT_TRUE(
+        queue.intake(test::urlsOf({busy, talk}), test::withAction(ActionID::preset("mp4-h264"))));
+    ASSERT_EQ(queue.items().size(), 2U);
+    ASSERT_EQ(queue.items()[0].state.kind, Kind::running);
+    const engine::Uuid waiting = queue.items()[1].id;
+    ASSERT_EQ(queue.items()[1].state.kind, Kind::waiting);
+
+    TrimEditorResult result;
+    result.clips = {engine::ClipSelection(engine::Trim{"0", "1.5"}, "Intro"),
+                    engine::ClipSelection(engine::Trim{"4", "6"}, "")};
+    ASSERT_TRUE(queue.applyTrimEditor(waiting, result));
+    ASSERT_EQ(queue.items().size(), 3U);
+    const std::vector<std::pair<engine::Trim, std::string>> expected = {
+        {engine::Trim{"0", "1.5"}, "-clip-001-intro"}, {engine::Trim{"4", "6"}, "-clip-002"}};
+    for (std::size_t index = 0; index < expected.size(); ++index) {
+        const QueueItem& row = queue.items()[index + 1];
+        EXPECT_EQ(row.state.kind, Kind::waiting);
+        ASSERT_TRUE(row.kind);
+        const engine::Preset* preset = row.kind->preset();
+        ASSERT_NE(preset, nullptr);
+        EXPECT_EQ(preset->options.trim, expected[index].first);
+        EXPECT_TRUE(preset->filenameSuffix.ends_with(expected[index].second))
+            << preset->filenameSuffix;
+        EXPECT_FALSE(row.pendingClips);
+    }
+    EXPECT_EQ(queue.items()[1].id, waiting);
+    EXPECT_EQ(queue.items()[2].trimLabel, "Clip 2 of 2 · 4–6");
+    // Each clip row is one output now: the editor opens it with its own range, not the list.
+    EXPECT_FALSE(queue.trimEditorRequest(waiting)->initialClips);
+    EXPECT_EQ(queue.trimEditorRequest(waiting)->initialTrim, (engine::Trim{"0", "1.5"}));
 }
 
 }  // namespace

@@ -21,12 +21,10 @@ class TessarinAppTest : public ::testing::Test {
 protected:
     void SetUp() override { test::ensureCoreApplication(); }
 
-    TessarinApp::Environment environment(bool withTools = true) {
+    TessarinApp::Environment environment() {
         TessarinApp::Environment environment;
         environment.settings = test::openStore(home.standardFile());
-        if (withTools) {
-            environment.tools = engine::Tools::inBundle(test::helperDirectory());
-        }
+        environment.tools = engine::Tools::inBundle(test::helperDirectory());
         environment.postNotification = [this](const std::string& title, const std::string&) {
             notifications.push_back(title);
         };
@@ -84,15 +82,6 @@ TEST_F(TessarinAppTest, WorkInProgressNeedsTheQuitAlertAndQuitDropsIt) {
     ASSERT_TRUE(test::waitFor([&] { return !app.queue().isWorking(); }));
     EXPECT_EQ(app.quitDecision(), TessarinApp::QuitDecision::quitNow);
     EXPECT_EQ(app.queue().items().size(), 1U);
-}
-
-TEST_F(TessarinAppTest, WithoutToolsTheQueueRefusesWork) {
-    TessarinApp app(environment(false));
-    app.launch();
-    const fs::path video = test::emptyVideos(dir / "in", 1)[0];
-    app.openURLs({QUrl::fromLocalFile(QString::fromStdString(video.string()))});
-    EXPECT_TRUE(app.queue().items().empty());
-    EXPECT_FALSE(app.queue().hasTools());
 }
 
 TEST_F(TessarinAppTest, ChosenFolderAndPresetEditsReachTheQueue) {

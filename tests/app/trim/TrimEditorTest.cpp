@@ -23,12 +23,8 @@ engine::Tools helperTools() {
     return engine::Tools::inBundle(test::helperDirectory()).value();
 }
 
-// 4 s at 10 fps with a keyframe every second.
 fs::path keyframeClip() {
-    return test::makeClip("keyframes-every-1s.mp4",
-                          {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=10:duration=4", "-c:v",
-                           "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-x264-params",
-                           "keyint=10:min-keyint=10:scenecut=0"});
+    return test::testClip(test::TestClip::keyframesEverySecond);
 }
 
 class TrimEditorTest : public ::testing::Test {

@@ -68,11 +68,6 @@ std::unique_ptr<ConversionJob> makeJob(const JobSandbox& sandbox, const fs::path
         EncoderCapabilityPolicy{SoftwareHEVCSource::privateBundled}, sandbox.outputs());
 }
 
-MediaInfo probeFile(const fs::path& path) {
-    ProcessRunner runner;
-    return MediaProbe::probe(path, helperTools(), MediaInputPolicy::unrestricted, runner);
-}
-
 int64_t countVideoFrames(const fs::path& path) {
     ProcessRunner runner;
     const ProcessResult result =

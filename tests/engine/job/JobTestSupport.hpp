@@ -52,8 +52,6 @@ using JobSandbox = Sandbox;
     engine::MediaInputPolicy policy = engine::MediaInputPolicy::unrestricted,
     std::optional<engine::Tools> tools = std::nullopt);
 
-// The facts of a finished file; fails the test when ffprobe can't read it.
-[[nodiscard]] engine::MediaInfo probeFile(const std::filesystem::path& path);
 // Decoded video frames of the first video stream.
 [[nodiscard]] int64_t countVideoFrames(const std::filesystem::path& path);
 
