@@ -1,0 +1,517 @@
+#include "engine/recording/session/RecordingSession.hpp"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <ctime>
+
+#include "engine/log/Log.hpp"
+#include "engine/recording/RecordingError.hpp"
+
+namespace tessarin::engine {
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+const Logger& sessionLog() {
+    static const Logger logger("com.tessarin.recording", "session");
+    return logger;
+}
+
+struct PhaseRow {
+    RecordingPhase phase;
+    const char* name;
+    const char* status;
+};
+
+constexpr PhaseRow kPhases[] = {
+    {RecordingPhase::idle, "idle", "Ready to choose a source"},
+    {RecordingPhase::selecting, "selecting", "Choosing a source"},
+    {RecordingPhase::countdown, "countdown", "Starting after countdown"},
+    {RecordingPhase::starting, "starting", "Starting recording"},
+    {RecordingPhase::recording, "recording", "Recording"},
+    {RecordingPhase::pausing, "pausing", "Pausing recording"},
+    {RecordingPhase::paused, "paused", "Recording paused"},
+    {RecordingPhase::resuming, "resuming", "Resuming recording"},
+    {RecordingPhase::finishing, "finishing", "Saving recording"},
+    {RecordingPhase::saved, "saved", "Recording saved"},
+    {RecordingPhase::failed, "failed", "Recording needs attention"},
+};
+
+// "Recording 2026-11-25T093012.mp4", local time.
+std::string takeFileName() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    return fmt::format("Recording {:%Y-%m-%dT%H%M%S}.mp4", local);
+}
+
+std::string gonePhrase(RecordingMode mode) {
+    return mode == RecordingMode::display || mode == RecordingMode::area
+               ? "The selected display disconnected."
+               : "The selected source is no longer available.";
+}
+
+}  // namespace
+
+bool isLive(RecordingPhase phase) {
+    return phase >= RecordingPhase::countdown && phase <= RecordingPhase::finishing;
+}
+
+const char* recordingPhaseName(RecordingPhase phase) {
+    return kPhases[static_cast<int>(phase)].name;
+}
+
+const char* recordingPhaseStatus(RecordingPhase phase) {
+    return kPhases[static_cast<int>(phase)].status;
+}
+
+RecordingSession::RecordingSession(RecordingSessionOperations operations, Listener listener)
+    : operations_(std::move(operations)), listener_(std::move(listener)) {
+    queue_ = std::make_unique<SerialQueue>("com.tessarin.recording.session");
+    monitor_ = std::thread([this] { monitor(); });
+}
+
+RecordingSession::~RecordingSession() {
+    stop();
+    (void)waitUntilSettled(std::chrono::minutes(1));
+    {
+        const std::lock_guard lock(mutex_);
+        closing_ = true;
+    }
+    changed_.notify_all();
+    monitor_.join();
+    queue_.reset();  // runs what is queued, then joins
+}
+
+void RecordingSession::select() {
+    queue_->post([this] {
+        const RecordingPhase phase = snapshot().phase;
+        if (phase == RecordingPhase::idle) {
+            setPhase(RecordingPhase::selecting);
+        }
+    });
+}
+
+void RecordingSession::start(RecordingTarget target, RecordingPreferences preferences) {
+    uint64_t attempt = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        attempt = ++sessionID_;
+    }
+    queue_->post([this, target = std::move(target), preferences = std::move(preferences), attempt] {
+        doStart(target, preferences, attempt);
+    });
+}
+
+void RecordingSession::pause() { queue_->post([this] { doPause(); }); }
+void RecordingSession::resume() { queue_->post([this] { doResume(); }); }
+void RecordingSession::stop() { queue_->post([this] { doStop(std::nullopt); }); }
+
+void RecordingSession::dismiss() {
+    queue_->post([this] {
+        const RecordingPhase phase = snapshot().phase;
+        if (phase == RecordingPhase::saved || phase == RecordingPhase::failed) {
+            {
+                const std::lock_guard lock(mutex_);
+                state_.errorMessage.clear();
+                state_.interruptionMessage.clear();
+            }
+            setPhase(RecordingPhase::idle);
+        }
+    });
+}
+
+RecordingSession::Snapshot RecordingSession::snapshot() const {
+    Snapshot copy;
+    std::shared_ptr<RecordingCaptureControlling> capture;
+    double completed = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        copy = state_;
+        capture = capture_;
+        completed = completedDuration_;
+    }
+    if (capture) {  // outside the lock: the capture has locks of its own
+        copy.audioLevels = capture->levels();
+        if (copy.phase == RecordingPhase::recording) {
+            copy.elapsed = completed + capture->runningTime();
+        }
+    }
+    return copy;
+}
+
+bool RecordingSession::waitUntilSettled(std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, timeout, [this] { return !isLive(state_.phase); });
+}
+
+bool RecordingSession::waitFor(RecordingPhase phase, std::chrono::milliseconds timeout) const {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, timeout, [&] {
+        return state_.phase == phase || state_.phase == RecordingPhase::saved ||
+               state_.phase == RecordingPhase::failed;
+    });
+    return state_.phase == phase;
+}
+
+void RecordingSession::setPhase(RecordingPhase phase) {
+    {
+        const std::lock_guard lock(mutex_);
+        state_.phase = phase;
+    }
+    sessionLog().info(fmt::format("phase={}", recordingPhaseName(phase)));
+    changed_.notify_all();
+    publish();
+}
+
+void RecordingSession::publish() {
+    if (listener_) {
+        listener_(snapshot());
+    }
+}
+
+void RecordingSession::fail(std::string message) {
+    {
+        const std::lock_guard lock(mutex_);
+        state_.errorMessage = std::move(message);
+        if (files_) {
+            state_.recoveryDirectory = files_->directory;
+        }
+        capture_.reset();
+    }
+    setPhase(RecordingPhase::failed);
+}
+
+fs::path RecordingSession::destinationFolder() const {
+    const std::lock_guard lock(mutex_);
+    return recordingDestination(*state_.activePreferences);
+}
+
+void RecordingSession::checkCanRecord(const RecordingTarget& target,
+                                      const RecordingPreferences& preferences) {
+    if (preferences.microphoneID && operations_.microphoneAvailable &&
+        !operations_.microphoneAvailable(*preferences.microphoneID)) {
+        throw RecordingError(RecordingError::Case::missingMicrophone);
+    }
+    if (target.mode == RecordingMode::area &&
+        (!target.area || target.area->width < 16 || target.area->height < 16)) {
+        throw RecordingError(RecordingError::Case::invalidArea);
+    }
+    if (operations_.sourceAvailability && !operations_.sourceAvailability(target)) {
+        throw RecordingError(target.mode == RecordingMode::area
+                                 ? RecordingError::Case::invalidArea
+                                 : RecordingError::Case::sourceUnavailable);
+    }
+    const fs::path destination = recordingDestination(preferences);
+    const RecordingStorageStatus status = operations_.storageCheck
+                                              ? operations_.storageCheck(destination)
+                                              : RecordingStorageStatus::unknown();
+    switch (status.kind) {
+        case RecordingStorageStatus::Kind::unavailable:
+            throw RecordingError(RecordingError::Case::destinationUnavailable);
+        case RecordingStorageStatus::Kind::unknown:
+            throw RecordingError(RecordingError::Case::destinationCheckFailed);
+        case RecordingStorageStatus::Kind::available:
+            if (status.bytes < operations_.lowSpaceBytes) {
+                throw RecordingError(RecordingError::Case::lowDiskSpace);
+            }
+            if (volumeID_ && *volumeID_ != status.volumeID) {
+                throw RecordingError(RecordingError::Case::destinationUnavailable);
+            }
+            {
+                const std::lock_guard lock(mutex_);
+                volumeID_ = status.volumeID;
+            }
+            break;
+    }
+}
+
+void RecordingSession::doStart(RecordingTarget target, RecordingPreferences preferences,
+                               uint64_t attempt) {
+    const Snapshot now = snapshot();
+    if (now.phase != RecordingPhase::idle && now.phase != RecordingPhase::selecting &&
+        now.phase != RecordingPhase::saved && now.phase != RecordingPhase::failed) {
+        return;  // a live take: kLiveSessionReason, the interface doesn't offer start
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        if (attempt != sessionID_) {
+            return;
+        }
+        state_ = Snapshot{};
+        state_.target = target;
+        state_.activePreferences = preferences;
+        volumeID_.reset();
+    }
+    files_.reset();
+    {
+        const std::lock_guard lock(mutex_);
+        completedDuration_ = 0;
+    }
+    try {
+        checkCanRecord(target, preferences);
+    } catch (const RecordingError& error) {
+        fail(error.message());
+        return;
+    }
+    if (preferences.countdown > 0) {
+        {
+            const std::lock_guard lock(mutex_);
+            state_.countdownRemaining = preferences.countdown;
+        }
+        setPhase(RecordingPhase::countdown);
+        return;  // the monitor's ticks count down and begin the capture
+    }
+    beginCapture(attempt);
+}
+
+void RecordingSession::doCountdownTick(uint64_t attempt) {
+    int64_t remaining = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        if (attempt != sessionID_ || state_.phase != RecordingPhase::countdown) {
+            return;
+        }
+        remaining = --state_.countdownRemaining;
+    }
+    publish();
+    if (remaining > 0) {
+        return;
+    }
+    const Snapshot now = snapshot();
+    if (operations_.sourceAvailability && !operations_.sourceAvailability(*now.target)) {
+        fail("Recording cancelled before capture started. The selected source is no longer "
+             "available. Choose a source again before recording.");
+        return;
+    }
+    beginCapture(attempt);
+}
+
+void RecordingSession::startSegment() {
+    const Snapshot now = snapshot();
+    RecordingCaptureRequest request;
+    request.target = *now.target;
+    request.preferences = *now.activePreferences;
+    request.url = files_->nextSegmentURL();
+    request.excludedWindowIDs = operations_.excludedWindowIDs;
+    request.outputSize = now.outputSize;
+    std::shared_ptr<RecordingCaptureControlling> capture = operations_.captureFactory(request);
+    uint64_t attempt = 0;
+    {
+        const std::lock_guard lock(mutex_);
+        attempt = sessionID_;
+        state_.segmentIndex = files_->startedSegments;
+    }
+    capture->setOnInterruption([this, attempt](std::optional<std::string> message) {
+        // Called on a capture thread: only queue the work.
+        queue_->post([this, attempt, message] {
+            const Snapshot now = snapshot();
+            interrupt(message.value_or(now.target ? gonePhrase(now.target->mode)
+                                                  : "The capture stream ended."),
+                      attempt);
+        });
+    });
+    capture->start();
+    const std::lock_guard lock(mutex_);
+    capture_ = std::move(capture);
+    state_.outputSize = capture_->outputSize();
+}
+
+void RecordingSession::beginCapture(uint64_t attempt) {
+    setPhase(RecordingPhase::starting);
+    try {
+        const Snapshot now = snapshot();
+        const RecordingPreferences& preferences = *now.activePreferences;
+        if (preferences.destinationPath.empty()) {
+            ensureDefaultRecordingDestination();
+        }
+        const int64_t audioTracks =
+            (preferences.systemAudio ? 1 : 0) + (preferences.microphoneID ? 1 : 0);
+        files_ = RecordingFiles::create(operations_.recordingRoot(), destinationFolder(),
+                                        takeFileName(), preferences.framesPerSecond, audioTracks);
+        startSegment();
+    } catch (const RecordingError& error) {
+        fail(error.message());
+        return;
+    } catch (const std::exception& error) {
+        fail(error.what());
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        if (attempt != sessionID_) {
+            return;
+        }
+    }
+    setPhase(RecordingPhase::recording);
+}
+
+void RecordingSession::doPause() {
+    if (snapshot().phase != RecordingPhase::recording) {
+        return;
+    }
+    setPhase(RecordingPhase::pausing);
+    std::shared_ptr<RecordingCaptureControlling> capture;
+    {
+        const std::lock_guard lock(mutex_);
+        capture = capture_;
+    }
+    try {
+        const double duration = capture->stop();
+        const std::lock_guard lock(mutex_);
+        completedDuration_ += duration;
+        state_.elapsed = completedDuration_;
+        capture_.reset();
+    } catch (const std::exception& error) {
+        fail(error.what());
+        return;
+    }
+    setPhase(RecordingPhase::paused);
+}
+
+void RecordingSession::doResume() {
+    const Snapshot now = snapshot();
+    if (now.phase != RecordingPhase::paused) {
+        return;
+    }
+    setPhase(RecordingPhase::resuming);
+    try {
+        checkCanRecord(*now.target, *now.activePreferences);
+        startSegment();
+    } catch (const RecordingError& error) {
+        fail(error.message());
+        return;
+    } catch (const std::exception& error) {
+        fail(error.what());
+        return;
+    }
+    setPhase(RecordingPhase::recording);
+}
+
+void RecordingSession::interrupt(std::string message, uint64_t attempt) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (attempt != sessionID_ || !isLive(state_.phase)) {
+            return;
+        }
+        if (state_.interruptionMessage.empty()) {
+            state_.interruptionMessage = message;
+        }
+    }
+    sessionLog().notice("interrupted=1");
+    doStop(std::move(message));
+}
+
+void RecordingSession::doStop(std::optional<std::string> interruption) {
+    const Snapshot now = snapshot();
+    if (now.phase == RecordingPhase::countdown) {
+        std::string reason = interruption.value_or("The countdown was cancelled.");
+        fail("Recording cancelled before capture started. " + reason);
+        return;
+    }
+    if (now.phase != RecordingPhase::recording && now.phase != RecordingPhase::paused) {
+        return;
+    }
+    setPhase(RecordingPhase::finishing);
+    std::shared_ptr<RecordingCaptureControlling> capture;
+    {
+        const std::lock_guard lock(mutex_);
+        capture = std::exchange(capture_, nullptr);
+    }
+    std::string captureFailure;
+    if (capture) {
+        try {
+            const double duration = capture->stop();
+            const std::lock_guard lock(mutex_);
+            completedDuration_ += duration;
+        } catch (const RecordingError& error) {
+            const std::lock_guard lock(mutex_);
+            state_.needsStopRetry = error.kind == RecordingError::Case::timedOut;
+            captureFailure = error.message();
+        } catch (const std::exception& error) {
+            captureFailure = error.what();
+        }
+    }
+    try {
+        const RecordingFiles::Finalized done = operations_.finalizeTake(*files_);
+        {
+            const std::lock_guard lock(mutex_);
+            state_.savedURL = done.published;
+            state_.elapsed = completedDuration_;
+            state_.errorMessage = captureFailure;
+            state_.recoveryDirectory.reset();
+        }
+        files_.reset();
+        setPhase(RecordingPhase::saved);
+    } catch (const RecordingError& error) {
+        fail(error.message());
+    } catch (const std::exception& error) {
+        fail(captureFailure.empty() ? std::string(error.what()) : captureFailure);
+    }
+}
+
+void RecordingSession::monitor() {
+    auto nextTick = std::chrono::steady_clock::now() + 1s;
+    auto nextStorage = std::chrono::steady_clock::now() + operations_.storageInterval;
+    auto nextSource = std::chrono::steady_clock::now() + 1s;
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        changed_.wait_for(lock, 100ms);
+        if (closing_) {
+            return;
+        }
+        const RecordingPhase phase = state_.phase;
+        const uint64_t attempt = sessionID_;
+        const std::optional<RecordingTarget> target = state_.target;
+        const std::optional<RecordingPreferences> preferences = state_.activePreferences;
+        const std::optional<uint64_t> volume = volumeID_;
+        const auto now = std::chrono::steady_clock::now();
+        lock.unlock();
+        if (phase == RecordingPhase::countdown) {
+            if (now >= nextTick) {
+                nextTick = now + 1s;
+                queue_->post([this, attempt] { doCountdownTick(attempt); });
+            }
+        } else {
+            nextTick = now + 1s;
+        }
+        if (phase == RecordingPhase::recording || phase == RecordingPhase::paused) {
+            if (phase == RecordingPhase::recording) {
+                publish();  // elapsed and levels
+            }
+            if (now >= nextStorage && operations_.storageCheck && preferences) {
+                nextStorage = now + operations_.storageInterval;
+                const RecordingStorageStatus status =
+                    operations_.storageCheck(recordingDestination(*preferences));
+                if (status.kind == RecordingStorageStatus::Kind::available) {
+                    if (status.bytes < operations_.lowSpaceBytes) {
+                        const std::string text =
+                            RecordingError(RecordingError::Case::lowDiskSpace).message();
+                        queue_->post([this, text, attempt] { interrupt(text, attempt); });
+                    } else if (volume && *volume != status.volumeID) {
+                        const std::string text =
+                            RecordingError(RecordingError::Case::destinationUnavailable).message();
+                        queue_->post([this, text, attempt] { interrupt(text, attempt); });
+                    }
+                } else if (status.kind == RecordingStorageStatus::Kind::unavailable) {
+                    const std::string text =
+                        RecordingError(RecordingError::Case::destinationUnavailable).message();
+                    queue_->post([this, text, attempt] { interrupt(text, attempt); });
+                }
+            }
+            if (now >= nextSource && operations_.sourceAvailability && target) {
+                nextSource = now + 1s;
+                if (!operations_.sourceAvailability(*target)) {
+                    const std::string text = gonePhrase(target->mode);
+                    queue_->post([this, text, attempt] { interrupt(text, attempt); });
+                }
+            }
+        }
+        lock.lock();
+    }
+}
+
+}  // namespace tessarin::engine
