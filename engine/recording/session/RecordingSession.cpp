@@ -114,6 +114,7 @@ void RecordingSession::dismiss() {
     queue_->post([this] {
         const RecordingPhase phase = snapshot().phase;
         if (phase == RecordingPhase::saved || phase == RecordingPhase::failed) {
+            files_.reset();  // lets go of a kept take's lease, so recovery can have it
             {
                 const std::lock_guard lock(mutex_);
                 state_.errorMessage.clear();
@@ -150,9 +151,11 @@ bool RecordingSession::waitUntilSettled(std::chrono::milliseconds timeout) const
 
 bool RecordingSession::waitFor(RecordingPhase phase, std::chrono::milliseconds timeout) const {
     std::unique_lock lock(mutex_);
+    const RecordingPhase atCall = state_.phase;
     changed_.wait_for(lock, timeout, [&] {
-        return state_.phase == phase || state_.phase == RecordingPhase::saved ||
-               state_.phase == RecordingPhase::failed;
+        const bool ended = state_.phase == RecordingPhase::saved ||
+                           state_.phase == RecordingPhase::failed;
+        return state_.phase == phase || (ended && state_.phase != atCall);
     });
     return state_.phase == phase;
 }

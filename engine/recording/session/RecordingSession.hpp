@@ -116,7 +116,8 @@ public:
     [[nodiscard]] Snapshot snapshot() const;
     // Waits until the phase is not live (or `timeout` passes); whether it settled.
     [[nodiscard]] bool waitUntilSettled(std::chrono::milliseconds timeout) const;
-    // Waits until the phase is `phase` or not live (or `timeout` passes).
+    // Waits until the phase is `phase`, or the take ends another way (saved or failed, when it
+    // wasn't already), or `timeout` passes; whether the phase is `phase`.
     bool waitFor(RecordingPhase phase, std::chrono::milliseconds timeout) const;
 
 private:
