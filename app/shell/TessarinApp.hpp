@@ -28,6 +28,7 @@
 #include "app/intake/URLIntake.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "app/recording/RecordingRecoveryModel.hpp"
+#include "app/recording/RecordingSessionModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
@@ -112,6 +113,7 @@ public:
     [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
     [[nodiscard]] FramesSettings& framesSettings() { return *framesSettings_; }
     [[nodiscard]] RecordingRecoveryModel& recordingRecovery() { return *recordingRecovery_; }
+    [[nodiscard]] RecordingSessionModel& recordingSession() { return *recordingSession_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -166,6 +168,7 @@ private:
     std::unique_ptr<FramesSettings> framesSettings_;
     std::unique_ptr<QueueModel> queue_;
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
+    std::unique_ptr<RecordingSessionModel> recordingSession_;
     std::unique_ptr<DesktopNotifier> notifier_;
     std::shared_ptr<MainThreadHandoff> handoff_;
     std::unique_ptr<URLIntake> urlIntake_;
