@@ -34,3 +34,5 @@ echo "== handoff socket (10,000 hostile connections, then 100 valid handoffs by 
 "$bin/tessarin_handoff_server_bench"
 echo "== transcription upload (100 MB audio to a loopback HTTPS server vs curl --data-binary)"
 "$bin/tessarin_transcription_upload_bench" 3
+echo "== screen recording (30 s of 1920x1080 at 30 fps on Xvfb vs a bare gst-launch pipeline)"
+"$root/bench/recording_capture_bench.sh" "$bin" 30
