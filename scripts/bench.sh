@@ -8,7 +8,8 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
 "$root/scripts/build.sh" release tessarin_process_runner_bench tessarin_progress_parser_bench \
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
   tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench \
-  tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench
+  tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench \
+  tessarin_cli
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
