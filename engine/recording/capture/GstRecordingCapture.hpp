@@ -16,6 +16,8 @@ struct GstCaptureSource {
     RecordingSize contentSize;  // the pixels that source produces
     // Whether a lost X11 connection ends this source (its thread is then abandoned, not joined).
     bool usesX11 = false;
+    // What must live as long as the capture (the portal's session), released after it.
+    std::shared_ptr<void> keepAlive;
 };
 
 [[nodiscard]] std::unique_ptr<RecordingCaptureControlling> makeGstRecordingCapture(

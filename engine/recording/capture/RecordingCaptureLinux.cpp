@@ -38,7 +38,7 @@ GstCaptureSource x11Source(const RecordingCaptureRequest& request) {
             sources.displayName(), cursor, bounds->x, bounds->y, bounds->x + bounds->width - 1,
             bounds->y + bounds->height - 1);
     }
-    return {element, {bounds->width, bounds->height}, true};
+    return {element, {bounds->width, bounds->height}, true, nullptr};
 }
 
 }  // namespace

@@ -337,9 +337,11 @@ void RecordingSession::beginCapture(uint64_t attempt) {
                                         takeFileName(), preferences.framesPerSecond, audioTracks);
         startSegment();
     } catch (const RecordingError& error) {
+        discardEmptyTake();
         fail(error.message());
         return;
     } catch (const std::exception& error) {
+        discardEmptyTake();
         fail(error.what());
         return;
     }
@@ -350,6 +352,28 @@ void RecordingSession::beginCapture(uint64_t attempt) {
         }
     }
     setPhase(RecordingPhase::recording);
+}
+
+void RecordingSession::discardEmptyTake() {
+    if (!files_) {
+        return;
+    }
+    try {
+        for (const RecordingSegment& segment : files_->listSegments()) {
+            if (std::filesystem::file_size(segment.path) > 0) {
+                return;  // something was captured: it stays for recovery
+            }
+        }
+    } catch (const std::exception&) {
+        return;
+    }
+    // Nothing was captured: the take is not worth recovering. Without its manifest the folder
+    // is no take, and the clean-up removes it under its lease.
+    const fs::path directory = files_->directory;
+    std::error_code ignored;
+    fs::remove(directory / RecordingFiles::kManifestName, ignored);
+    files_.reset();
+    (void)RecordingFiles::removeLeftOver(directory);
 }
 
 void RecordingSession::doPause() {

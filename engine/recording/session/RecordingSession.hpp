@@ -133,6 +133,8 @@ private:
     void checkCanRecord(const RecordingTarget& target, const RecordingPreferences& preferences);
     [[nodiscard]] std::filesystem::path destinationFolder() const;
     void startSegment();
+    // After a first segment failed to start: removes the take when no footage exists.
+    void discardEmptyTake();
     void setPhase(RecordingPhase phase);
     void publish();
     void monitor();
