@@ -15,6 +15,7 @@
 #include "cli/ExitStatus.hpp"
 #include "cli/ToolLookup.hpp"
 #include "engine/recording/RecordingNamespace.hpp"
+#include "engine/recording/capture/RecordingAreaText.hpp"
 #include "engine/recording/capture/X11Sources.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
 #include "engine/settings/SettingsStore.hpp"
@@ -48,25 +49,6 @@ std::optional<int64_t> integer(std::string_view text, int base = 10) {
         return std::nullopt;
     }
     return value;
-}
-
-// X,Y,W,H in root-window pixels.
-std::optional<engine::RecordingRect> parseArea(const std::string& text) {
-    int64_t values[4] = {};
-    std::string_view rest = text;
-    for (int i = 0; i < 4; ++i) {
-        const std::size_t comma = rest.find(',');
-        if ((comma == std::string_view::npos) != (i == 3)) {
-            return std::nullopt;
-        }
-        const auto value = integer(rest.substr(0, comma));
-        if (!value || *value < 0 || *value > 100'000) {
-            return std::nullopt;
-        }
-        values[i] = *value;
-        rest = comma == std::string_view::npos ? std::string_view() : rest.substr(comma + 1);
-    }
-    return engine::RecordingRect{values[0], values[1], values[2], values[3]};
 }
 
 // The monitor that holds an area: the first one containing its top-left corner.
@@ -116,7 +98,7 @@ int runRecord(const RecordRequest& request) {
         target.mode = engine::RecordingMode::window;
         target.windowID = static_cast<uint32_t>(*id);
     } else if (request.area) {
-        const auto area = parseArea(*request.area);
+        const auto area = engine::parseRecordingArea(*request.area);
         if (!area) {
             std::cerr << "tessarin: --area takes X,Y,WIDTH,HEIGHT in pixels.\n";
             return kExitUsage;
