@@ -108,6 +108,8 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(recordShortcut, &QShortcut::activated, this, &MainWindow::showRecordScreen);
     recordingToolbar_ = new RecordingToolbar(app_.recordingSession(), this);
     recordingToolbar_->hide();
+    connect(recordingToolbar_, &RecordingToolbar::addToQueue, this,
+            [this](const QString& path) { dropURLs({QUrl::fromLocalFile(path)}); });
     connect(&app_.recordingSession(), &app::RecordingSessionModel::changed, this, [this] {
         app::RecordingSessionModel& recording = app_.recordingSession();
         record_->setEnabled(recording.available() && !recording.isLive());

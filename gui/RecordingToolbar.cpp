@@ -2,6 +2,7 @@
 
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QVBoxLayout>
 
@@ -29,11 +30,17 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     stop_->setObjectName("stopRecording");
     close_ = new QPushButton(tr("Close"), this);
     close_->setObjectName("closeRecording");
+    discard_ = new QPushButton(tr("Discard…"), this);
+    discard_->setObjectName("discardRecording");
+    addToQueue_ = new QPushButton(tr("Add to Queue"), this);
+    addToQueue_->setObjectName("addRecordingToQueue");
     row->addWidget(status_);
     row->addWidget(time_);
     row->addStretch();
     row->addWidget(pauseResume_);
     row->addWidget(stop_);
+    row->addWidget(discard_);
+    row->addWidget(addToQueue_);
     row->addWidget(close_);
     layout->addLayout(row);
     message_ = new QLabel(this);
@@ -50,6 +57,25 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         }
     });
     connect(stop_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::stop);
+    connect(discard_, &QPushButton::clicked, this, [this] {
+        QMessageBox ask(QMessageBox::Warning, tr("Discard this recording?"),
+                        tr("Discard this recording?"), QMessageBox::NoButton, this);
+        ask.setObjectName("discardRecordingAlert");
+        ask.setInformativeText(tr("The recording stops and its files go to the Trash."));
+        QPushButton* keep = ask.addButton(tr("Keep Recording"), QMessageBox::RejectRole);
+        QPushButton* discard = ask.addButton(tr("Discard"), QMessageBox::DestructiveRole);
+        ask.setDefaultButton(keep);
+        ask.exec();
+        if (ask.clickedButton() == discard) {
+            model_.discard();
+        }
+    });
+    connect(addToQueue_, &QPushButton::clicked, this, [this] {
+        if (model_.snapshot().savedURL) {
+            emit addToQueue(QString::fromStdString(model_.snapshot().savedURL->string()));
+            addToQueue_->setEnabled(false);
+        }
+    });
     connect(close_, &QPushButton::clicked, this, [this] {
         model_.dismiss();
         hide();
@@ -86,6 +112,16 @@ void RecordingToolbar::refresh() {
     close_->setVisible(ended);
     pauseResume_->setVisible(!ended);
     stop_->setVisible(!ended);
+    discard_->setVisible(!ended);
+    discard_->setEnabled(phase == RecordingPhase::recording || paused ||
+                         phase == RecordingPhase::countdown);
+    addToQueue_->setVisible(phase == RecordingPhase::saved && snapshot.savedURL.has_value());
+    if (phase != RecordingPhase::saved) {
+        addToQueue_->setEnabled(true);
+    }
+    if (phase == RecordingPhase::idle && isVisible()) {
+        hide();  // discarded
+    }
     QStringList lines;
     if (!snapshot.interruptionMessage.empty()) {
         lines << QString::fromStdString(snapshot.interruptionMessage);

@@ -20,6 +20,10 @@ public:
     // "01:05" for 65 seconds, "1:01:05" past an hour.
     [[nodiscard]] static QString timeText(double seconds);
 
+signals:
+    // "Add to Queue" on a saved take: the file goes to the queue as any dropped file.
+    void addToQueue(const QString& path);
+
 private:
     void refresh();
 
@@ -30,6 +34,8 @@ private:
     QPushButton* pauseResume_;
     QPushButton* stop_;
     QPushButton* close_;
+    QPushButton* discard_;
+    QPushButton* addToQueue_;
 };
 
 }  // namespace tessarin::gui

@@ -1,5 +1,6 @@
 #include "app/recording/RecordingSessionModel.hpp"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "app/support/MainThreadHandoff.hpp"
@@ -34,10 +35,34 @@ void RecordingSessionModel::deliverBackgroundResults() {
 void RecordingSessionModel::deliver(const engine::RecordingSession::Snapshot& snapshot) {
     const bool newlySaved = snapshot.phase == engine::RecordingPhase::saved &&
                             snapshot_.phase != engine::RecordingPhase::saved && snapshot.savedURL;
+    rememberTake(snapshot_, snapshot);
     snapshot_ = snapshot;
     emit changed();
     if (newlySaved) {
         emit saved(QString::fromStdString(snapshot.savedURL->string()));
+    }
+}
+
+void RecordingSessionModel::rememberTake(const engine::RecordingSession::Snapshot& previous,
+                                         const engine::RecordingSession::Snapshot& now) {
+    if (previous.takeDirectory == now.takeDirectory) {
+        return;
+    }
+    std::vector<std::string> takes =
+        settings_->stringListValue(kUnfinishedTakesKey).value_or(std::vector<std::string>{});
+    const std::vector<std::string> before = takes;
+    // A take that failed to save stays listed; one saved, discarded or removed empty while it
+    // ran leaves the list.
+    if (previous.takeDirectory && engine::isLive(previous.phase) &&
+        now.phase != engine::RecordingPhase::failed) {
+        std::erase(takes, previous.takeDirectory->string());
+    }
+    if (now.takeDirectory &&
+        std::find(takes.begin(), takes.end(), now.takeDirectory->string()) == takes.end()) {
+        takes.push_back(now.takeDirectory->string());
+    }
+    if (takes != before) {
+        settings_->setStringList(kUnfinishedTakesKey, takes);
     }
 }
 
@@ -91,6 +116,12 @@ void RecordingSessionModel::resume() {
 void RecordingSessionModel::stop() {
     if (session_) {
         session_->stop();
+    }
+}
+
+void RecordingSessionModel::discard() {
+    if (session_) {
+        session_->discard();
     }
 }
 

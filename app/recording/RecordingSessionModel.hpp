@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 
+#include "app/recording/RecordingRecoveryModel.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
 #include "engine/settings/SettingsStore.hpp"
 
@@ -42,6 +43,8 @@ public:
     void resume();
     void stop();
     void dismiss();
+    // Ends the take and moves it to the Trash (the window asks first).
+    void discard();
 
     // Quit with a take running: stops it and answers true once it is saved or failed, false
     // when that takes longer than `limit` (60 s), so the window stays up and the user can act.
@@ -59,6 +62,10 @@ private slots:
 
 private:
     void deliver(const engine::RecordingSession::Snapshot& snapshot);
+    // Keeps the running take in "screenRecording.unfinishedTakes" until it is saved or
+    // discarded, so that a crash leaves it listed for recovery.
+    void rememberTake(const engine::RecordingSession::Snapshot& previous,
+                      const engine::RecordingSession::Snapshot& now);
     engine::RecordingSession& session();
 
     std::shared_ptr<engine::SettingsStore> settings_;

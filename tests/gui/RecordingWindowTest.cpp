@@ -61,6 +61,13 @@ TEST_F(RecordingWindowTest, RecordsAnAreaPausesResumesAndSaves) {
     ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::recording; }, std::chrono::milliseconds(15000)))
         << model.snapshot().errorMessage;
     EXPECT_FALSE(record->isEnabled());  // one take at a time
+    // Listed as unfinished while it runs, so that a crash leaves it offered for recovery.
+    const auto listed = [&] {
+        return core_->settings().stringListValue(app::kUnfinishedTakesKey).value_or(
+            std::vector<std::string>{});
+    };
+    ASSERT_EQ(listed().size(), 1u);
+    EXPECT_EQ(fs::path(listed().front()), model.snapshot().takeDirectory);
     auto* time = toolbar->findChild<QLabel*>("recordingTime");
     ASSERT_TRUE(waitUntil([&] { return time->text() == "00:01"; }, std::chrono::milliseconds(5000))) << time->text().toStdString();
 
@@ -81,6 +88,13 @@ TEST_F(RecordingWindowTest, RecordsAnAreaPausesResumesAndSaves) {
     EXPECT_EQ(status->text(), "Recording saved");
     EXPECT_TRUE(toolbar->findChild<QLabel*>("recordingMessage")->text().contains("Saved to"));
     EXPECT_GE(model.snapshot().elapsed, 1.5);
+    EXPECT_TRUE(listed().empty());
+    // The saved take can go to the queue like any dropped file.
+    auto* addToQueue = toolbar->findChild<QPushButton*>("addRecordingToQueue");
+    ASSERT_TRUE(addToQueue->isVisible());
+    QTest::mouseClick(addToQueue, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return core_->queue().items().size() == 1; },
+                          std::chrono::milliseconds(5000)));
     QTest::mouseClick(toolbar->findChild<QPushButton*>("closeRecording"), Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::idle; }, std::chrono::milliseconds(5000)));
     EXPECT_TRUE(record->isEnabled());

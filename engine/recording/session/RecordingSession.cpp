@@ -110,6 +110,49 @@ void RecordingSession::pause() { queue_->post([this] { doPause(); }); }
 void RecordingSession::resume() { queue_->post([this] { doResume(); }); }
 void RecordingSession::stop() { queue_->post([this] { doStop(std::nullopt); }); }
 
+void RecordingSession::discard() { queue_->post([this] { doDiscard(); }); }
+
+void RecordingSession::doDiscard() {
+    const Snapshot now = snapshot();
+    if (now.phase == RecordingPhase::countdown) {
+        {
+            const std::lock_guard lock(mutex_);
+            ++sessionID_;  // the countdown's ticks are stale now
+            state_ = Snapshot{};
+        }
+        setPhase(RecordingPhase::idle);
+        return;
+    }
+    if (now.phase != RecordingPhase::recording && now.phase != RecordingPhase::paused) {
+        return;
+    }
+    setPhase(RecordingPhase::finishing);
+    std::shared_ptr<RecordingCaptureControlling> capture;
+    {
+        const std::lock_guard lock(mutex_);
+        capture = std::exchange(capture_, nullptr);
+    }
+    if (capture) {
+        try {
+            (void)capture->stop();
+        } catch (const std::exception&) {
+            // The take is being thrown away: what the writer said no longer matters.
+        }
+    }
+    try {
+        files_->trash();
+    } catch (const RecordingError& error) {
+        fail(error.message());
+        return;
+    }
+    files_.reset();
+    {
+        const std::lock_guard lock(mutex_);
+        state_ = Snapshot{};
+    }
+    setPhase(RecordingPhase::idle);
+}
+
 void RecordingSession::dismiss() {
     queue_->post([this] {
         const RecordingPhase phase = snapshot().phase;
@@ -335,6 +378,10 @@ void RecordingSession::beginCapture(uint64_t attempt) {
             (preferences.systemAudio ? 1 : 0) + (preferences.microphoneID ? 1 : 0);
         files_ = RecordingFiles::create(operations_.recordingRoot(), destinationFolder(),
                                         takeFileName(), preferences.framesPerSecond, audioTracks);
+        {
+            const std::lock_guard lock(mutex_);
+            state_.takeDirectory = files_->directory;
+        }
         startSegment();
     } catch (const RecordingError& error) {
         discardEmptyTake();
@@ -370,10 +417,15 @@ void RecordingSession::discardEmptyTake() {
     // Nothing was captured: the take is not worth recovering. Without its manifest the folder
     // is no take, and the clean-up removes it under its lease.
     const fs::path directory = files_->directory;
+    {
+        const std::lock_guard lock(mutex_);
+        state_.takeDirectory.reset();
+    }
     std::error_code ignored;
     fs::remove(directory / RecordingFiles::kManifestName, ignored);
     files_.reset();
     (void)RecordingFiles::removeLeftOver(directory);
+    publish();
 }
 
 void RecordingSession::doPause() {
@@ -467,6 +519,7 @@ void RecordingSession::doStop(std::optional<std::string> interruption) {
         {
             const std::lock_guard lock(mutex_);
             state_.savedURL = done.published;
+            state_.takeDirectory.reset();
             state_.elapsed = completedDuration_;
             state_.errorMessage = captureFailure;
             state_.recoveryDirectory.reset();

@@ -87,6 +87,7 @@ public:
         std::string interruptionMessage;  // why a monitor ended the take
         std::optional<std::filesystem::path> savedURL;
         std::optional<std::filesystem::path> recoveryDirectory;  // the take kept after a failure
+        std::optional<std::filesystem::path> takeDirectory;  // the running take's folder
         std::optional<RecordingSize> outputSize;
         RecordingAudioLevels audioLevels;
         bool needsStopRetry = false;
@@ -112,6 +113,10 @@ public:
     void stop();
     // From saved or failed: back to idle.
     void dismiss();
+    // From countdown, recording or paused (after the user confirmed): ends the capture and moves
+    // the take to the Trash; back to idle. A take that can't be moved safely stays, and the
+    // session fails with the sentence that says so.
+    void discard();
 
     [[nodiscard]] Snapshot snapshot() const;
     // Waits until the phase is not live (or `timeout` passes); whether it settled.
@@ -126,6 +131,7 @@ private:
     void doPause();
     void doResume();
     void doStop(std::optional<std::string> interruption);
+    void doDiscard();
     void doCountdownTick(uint64_t attempt);
     void interrupt(std::string message, uint64_t attempt);
     void fail(std::string message);

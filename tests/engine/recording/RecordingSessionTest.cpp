@@ -163,5 +163,21 @@ TEST(RecordingSession, ATakeThatCannotBeSavedIsKeptForRecovery) {
     EXPECT_TRUE(RecordingNamespace::isUnfinishedTake(*failed.recoveryDirectory));
 }
 
+TEST(RecordingSession, DiscardEndsTheTakeAndMovesItToTheTrash) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    ::setenv("XDG_DATA_HOME", (f.place.temp / "data").c_str(), 1);  // the Trash
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    const std::optional<fs::path> take = session.snapshot().takeDirectory;
+    ASSERT_TRUE(take && fs::is_directory(*take));
+    session.discard();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 10s)) << session.snapshot().errorMessage;
+    EXPECT_FALSE(fs::exists(*take));
+    EXPECT_TRUE(fs::is_directory(f.place.temp / "data/Trash/files" / take->filename()));
+    EXPECT_TRUE(fs::is_empty(f.place.destination));
+}
+
 }  // namespace
 }  // namespace tessarin::engine
