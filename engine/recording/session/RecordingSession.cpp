@@ -206,6 +206,10 @@ bool RecordingSession::waitFor(RecordingPhase phase, std::chrono::milliseconds t
 void RecordingSession::setPhase(RecordingPhase phase) {
     {
         const std::lock_guard lock(mutex_);
+        if (state_.phase == RecordingPhase::recording && capture_) {
+            // Leaving `recording`: keep the time reached (runningTime reads atomics only).
+            state_.elapsed = completedDuration_ + capture_->runningTime();
+        }
         state_.phase = phase;
     }
     sessionLog().info(fmt::format("phase={}", recordingPhaseName(phase)));
