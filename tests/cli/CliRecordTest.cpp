@@ -269,6 +269,26 @@ TEST(CliRecord, KilledRecorderLeavesATakeThatRecoveryPublishes) {
     EXPECT_GE(*info.durationSeconds, 5.0);
 }
 
+TEST(CliRecord, RefusesAMicrophoneTheSoundServerDoesNotHave) {
+    const test::PrivateDesktop desktop;
+    ASSERT_TRUE(desktop.ready());
+    const test::TempDir data;
+    const test::TempDir output;
+    // The null sink's monitor is an output, not a microphone; "absent" is nothing at all.
+    for (const std::string microphone : {"absent", "recording_test_sink.monitor"}) {
+        Recorder recorder(desktop, data.path(), output.path(),
+                          {"--area", "0,0,320,240", "--mic", microphone, "--duration", "1"});
+        const int status = recorder.finish();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << recorder.eventsText();
+        EXPECT_THAT(recorder.eventsText(),
+                    HasSubstr("The selected microphone is unavailable. Choose a connected "
+                              "microphone or turn it off."));
+    }
+    EXPECT_TRUE(namesIn(output.path()).empty());
+    EXPECT_FALSE(fs::exists(data.path() / "tessarin/Tessarin Recording Recovery") &&
+                 !fs::is_empty(data.path() / "tessarin/Tessarin Recording Recovery"));
+}
+
 TEST(CliRecord, DisplayThatGoesAwayEndsTheTakeAndKeepsTheFootage) {
     test::PrivateDesktop desktop;
     ASSERT_TRUE(desktop.ready());

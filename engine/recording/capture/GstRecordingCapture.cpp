@@ -354,6 +354,8 @@ private:
                 }
                 const bool isError = GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR;
                 const std::string text = isError ? messageText(message) : std::string();
+                const std::string origin =
+                    GST_MESSAGE_SRC(message) != nullptr ? GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) : "";
                 gst_message_unref(message);
                 {
                     const std::lock_guard lock(shared_->mutex);
@@ -365,14 +367,27 @@ private:
                 }
                 if (!stopping_.load()) {
                     streamEnded_ = true;
-                    const bool windowMode = request_.target.mode == RecordingMode::window ||
-                                            request_.target.mode == RecordingMode::app;
-                    shared_->interrupt(windowMode ? std::optional(windowClosedMessage(request_.target.mode))
-                                                  : std::optional<std::string>());
+                    shared_->interrupt(interruptionMessage(origin));
                 }
             }
             gst_object_unref(bus);
         });
+    }
+
+    // What ended the stream, by the element that reported it: a sound source, or the picture.
+    std::optional<std::string> interruptionMessage(const std::string& origin) const {
+        if (origin == "microphone-source") {
+            return "The selected microphone disconnected. Tessarin did not switch to another "
+                   "microphone.";
+        }
+        if (origin == "system-source") {
+            return "System audio ended before the recording finished. Captured parts have been "
+                   "kept. Choose Retry saving to recover them.";
+        }
+        if (request_.target.mode == RecordingMode::window || request_.target.mode == RecordingMode::app) {
+            return windowClosedMessage(request_.target.mode);
+        }
+        return std::nullopt;  // the session names what is gone
     }
 
     void stopBusThread() {

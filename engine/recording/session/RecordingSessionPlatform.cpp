@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "engine/recording/RecordingNamespace.hpp"
+#include "engine/recording/capture/PulseSources.hpp"
 #include "engine/recording/capture/X11Sources.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
 
@@ -45,9 +46,9 @@ RecordingSessionOperations RecordingSessionOperations::platform(RecordingWork wo
         }
         return boundedCheck([target] { return X11Sources().isAvailable(target); }, 2000ms);
     };
-    // PulseAudio names devices; an unknown one makes pulsesrc fail at start, which the capture
-    // reports with the server's own sentence.
-    operations.microphoneAvailable = [](const std::string& id) { return !id.empty(); };
+    operations.microphoneAvailable = [](const std::string& id) {
+        return boundedCheck([id] { return pulseSourceAvailable(id); }, 3000ms);
+    };
     auto probe = std::make_shared<RecordingStorageProbe>();
     operations.storageCheck = [probe](const std::filesystem::path& folder) {
         return probe->status(folder, /*strict=*/false).get();
