@@ -62,7 +62,8 @@ GstSegmentEncoder::~GstSegmentEncoder() = default;
 
 void GstSegmentEncoder::begin() {
     ensureGStreamer();
-    // The file is claimed exclusively: a segment never overwrites anything.
+    // The file is claimed exclusively: a segment never overwrites anything. The sink writes each
+    // fragment as it comes (unbuffered), so a killed recorder leaves every finished fragment.
     const int claimed = ::open(settings_.url.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (claimed < 0) {
         throw std::runtime_error(errno == EEXIST ? "A recording segment already exists."
@@ -76,7 +77,7 @@ void GstSegmentEncoder::begin() {
         "caps=video/x-raw,format=I420,width={},height={},framerate={}/1,pixel-aspect-ratio=1/1,"
         "colorimetry=bt709 ! queue max-size-buffers=0 max-size-bytes=0 max-size-time=0 ! {} ! "
         "video/x-h264,profile=high ! h264parse ! mp4mux name=mux fragment-duration=1000 "
-        "faststart=false ! filesink name=file append=true sync=false",
+        "faststart=false ! filesink name=file append=true sync=false buffer-mode=unbuffered",
         size.width, size.height, settings_.framesPerSecond, x264Settings(settings_.framesPerSecond));
     for (const AudioSource source : settings_.audioSources) {
         description += fmt::format(

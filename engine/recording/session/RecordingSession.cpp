@@ -20,26 +20,6 @@ const Logger& sessionLog() {
     return logger;
 }
 
-struct PhaseRow {
-    RecordingPhase phase;
-    const char* name;
-    const char* status;
-};
-
-constexpr PhaseRow kPhases[] = {
-    {RecordingPhase::idle, "idle", "Ready to choose a source"},
-    {RecordingPhase::selecting, "selecting", "Choosing a source"},
-    {RecordingPhase::countdown, "countdown", "Starting after countdown"},
-    {RecordingPhase::starting, "starting", "Starting recording"},
-    {RecordingPhase::recording, "recording", "Recording"},
-    {RecordingPhase::pausing, "pausing", "Pausing recording"},
-    {RecordingPhase::paused, "paused", "Recording paused"},
-    {RecordingPhase::resuming, "resuming", "Resuming recording"},
-    {RecordingPhase::finishing, "finishing", "Saving recording"},
-    {RecordingPhase::saved, "saved", "Recording saved"},
-    {RecordingPhase::failed, "failed", "Recording needs attention"},
-};
-
 // "Recording 2026-11-25T093012.mp4", local time.
 std::string takeFileName() {
     const std::time_t now = std::time(nullptr);
@@ -48,25 +28,7 @@ std::string takeFileName() {
     return fmt::format("Recording {:%Y-%m-%dT%H%M%S}.mp4", local);
 }
 
-std::string gonePhrase(RecordingMode mode) {
-    return mode == RecordingMode::display || mode == RecordingMode::area
-               ? "The selected display disconnected."
-               : "The selected source is no longer available.";
-}
-
 }  // namespace
-
-bool isLive(RecordingPhase phase) {
-    return phase >= RecordingPhase::countdown && phase <= RecordingPhase::finishing;
-}
-
-const char* recordingPhaseName(RecordingPhase phase) {
-    return kPhases[static_cast<int>(phase)].name;
-}
-
-const char* recordingPhaseStatus(RecordingPhase phase) {
-    return kPhases[static_cast<int>(phase)].status;
-}
 
 RecordingSession::RecordingSession(RecordingSessionOperations operations, Listener listener)
     : operations_(std::move(operations)), listener_(std::move(listener)) {
@@ -359,7 +321,7 @@ void RecordingSession::startSegment() {
         // Called on a capture thread: only queue the work.
         queue_->post([this, attempt, message] {
             const Snapshot now = snapshot();
-            interrupt(message.value_or(now.target ? gonePhrase(now.target->mode)
+            interrupt(message.value_or(now.target ? sourceGoneSentence(now.target->mode)
                                                   : "The capture stream ended."),
                       attempt);
         });
@@ -534,67 +496,6 @@ void RecordingSession::doStop(std::optional<std::string> interruption) {
         fail(error.message());
     } catch (const std::exception& error) {
         fail(captureFailure.empty() ? std::string(error.what()) : captureFailure);
-    }
-}
-
-void RecordingSession::monitor() {
-    auto nextTick = std::chrono::steady_clock::now() + 1s;
-    auto nextStorage = std::chrono::steady_clock::now() + operations_.storageInterval;
-    auto nextSource = std::chrono::steady_clock::now() + 1s;
-    std::unique_lock lock(mutex_);
-    for (;;) {
-        changed_.wait_for(lock, 100ms);
-        if (closing_) {
-            return;
-        }
-        const RecordingPhase phase = state_.phase;
-        const uint64_t attempt = sessionID_;
-        const std::optional<RecordingTarget> target = state_.target;
-        const std::optional<RecordingPreferences> preferences = state_.activePreferences;
-        const std::optional<uint64_t> volume = volumeID_;
-        const auto now = std::chrono::steady_clock::now();
-        lock.unlock();
-        if (phase == RecordingPhase::countdown) {
-            if (now >= nextTick) {
-                nextTick = now + 1s;
-                queue_->post([this, attempt] { doCountdownTick(attempt); });
-            }
-        } else {
-            nextTick = now + 1s;
-        }
-        if (phase == RecordingPhase::recording || phase == RecordingPhase::paused) {
-            if (phase == RecordingPhase::recording) {
-                publish();  // elapsed and levels
-            }
-            if (now >= nextStorage && operations_.storageCheck && preferences) {
-                nextStorage = now + operations_.storageInterval;
-                const RecordingStorageStatus status =
-                    operations_.storageCheck(recordingDestination(*preferences));
-                if (status.kind == RecordingStorageStatus::Kind::available) {
-                    if (status.bytes < operations_.lowSpaceBytes) {
-                        const std::string text =
-                            RecordingError(RecordingError::Case::lowDiskSpace).message();
-                        queue_->post([this, text, attempt] { interrupt(text, attempt); });
-                    } else if (volume && *volume != status.volumeID) {
-                        const std::string text =
-                            RecordingError(RecordingError::Case::destinationUnavailable).message();
-                        queue_->post([this, text, attempt] { interrupt(text, attempt); });
-                    }
-                } else if (status.kind == RecordingStorageStatus::Kind::unavailable) {
-                    const std::string text =
-                        RecordingError(RecordingError::Case::destinationUnavailable).message();
-                    queue_->post([this, text, attempt] { interrupt(text, attempt); });
-                }
-            }
-            if (now >= nextSource && operations_.sourceAvailability && target) {
-                nextSource = now + 1s;
-                if (!operations_.sourceAvailability(*target)) {
-                    const std::string text = gonePhrase(target->mode);
-                    queue_->post([this, text, attempt] { interrupt(text, attempt); });
-                }
-            }
-        }
-        lock.lock();
     }
 }
 

@@ -52,6 +52,10 @@ enum class RecordingPhase {
 // The accessibility status of the phase ("Recording", "Saving recording"…).
 [[nodiscard]] const char* recordingPhaseStatus(RecordingPhase phase);
 
+// What ends a take whose source went away: a display (or an area of it) disconnected, or a
+// window or app no longer there.
+[[nodiscard]] std::string sourceGoneSentence(RecordingMode mode);
+
 inline constexpr const char* kLiveSessionReason =
     "Stop capture before starting or recovering another take.";
 
