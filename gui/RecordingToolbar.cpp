@@ -6,6 +6,8 @@
 #include <QPushButton>
 #include <QVBoxLayout>
 
+#include "gui/ShowInFolder.hpp"
+
 namespace tessarin::gui {
 
 using engine::RecordingPhase;
@@ -34,6 +36,10 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     discard_->setObjectName("discardRecording");
     addToQueue_ = new QPushButton(tr("Add to Queue"), this);
     addToQueue_->setObjectName("addRecordingToQueue");
+    retry_ = new QPushButton(tr("Retry Saving"), this);
+    retry_->setObjectName("retrySavingRecording");
+    reveal_ = new QPushButton(tr("Reveal Recovery Files"), this);
+    reveal_->setObjectName("revealRecordingFiles");
     row->addWidget(status_);
     row->addWidget(time_);
     row->addStretch();
@@ -41,6 +47,8 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     row->addWidget(stop_);
     row->addWidget(discard_);
     row->addWidget(addToQueue_);
+    row->addWidget(retry_);
+    row->addWidget(reveal_);
     row->addWidget(close_);
     layout->addLayout(row);
     message_ = new QLabel(this);
@@ -68,6 +76,12 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         ask.exec();
         if (ask.clickedButton() == discard) {
             model_.discard();
+        }
+    });
+    connect(retry_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::retrySaving);
+    connect(reveal_, &QPushButton::clicked, this, [this] {
+        if (const auto& folder = model_.snapshot().recoveryDirectory) {
+            showInFolder(QString::fromStdString((*folder / "take.json").string()));
         }
     });
     connect(addToQueue_, &QPushButton::clicked, this, [this] {
@@ -116,6 +130,9 @@ void RecordingToolbar::refresh() {
     discard_->setEnabled(phase == RecordingPhase::recording || paused ||
                          phase == RecordingPhase::countdown);
     addToQueue_->setVisible(phase == RecordingPhase::saved && snapshot.savedURL.has_value());
+    const bool kept = phase == RecordingPhase::failed && snapshot.recoveryDirectory.has_value();
+    retry_->setVisible(kept);
+    reveal_->setVisible(kept);
     if (phase != RecordingPhase::saved) {
         addToQueue_->setEnabled(true);
     }
@@ -133,8 +150,8 @@ void RecordingToolbar::refresh() {
         lines << tr("Saved to %1").arg(QString::fromStdString(snapshot.savedURL->string()));
     }
     if (phase == RecordingPhase::failed && snapshot.recoveryDirectory) {
-        lines << tr("The captured parts are kept; Tessarin offers to recover them at the next "
-                    "start.");
+        lines << tr("The captured parts are kept: Retry Saving tries again, and Tessarin offers "
+                    "to recover them at the next start.");
     }
     message_->setText(lines.join(QLatin1Char('\n')));
     message_->setVisible(!lines.isEmpty());

@@ -36,6 +36,8 @@ private:
     QPushButton* close_;
     QPushButton* discard_;
     QPushButton* addToQueue_;
+    QPushButton* retry_;
+    QPushButton* reveal_;
 };
 
 }  // namespace tessarin::gui

@@ -125,6 +125,12 @@ void RecordingSessionModel::discard() {
     }
 }
 
+void RecordingSessionModel::retrySaving() {
+    if (session_) {
+        session_->retrySaving();
+    }
+}
+
 void RecordingSessionModel::dismiss() {
     if (session_) {
         session_->dismiss();

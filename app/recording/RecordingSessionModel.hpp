@@ -45,6 +45,8 @@ public:
     void dismiss();
     // Ends the take and moves it to the Trash (the window asks first).
     void discard();
+    // A take that failed to save: join and publish it again.
+    void retrySaving();
 
     // Quit with a take running: stops it and answers true once it is saved or failed, false
     // when that takes longer than `limit` (60 s), so the window stays up and the user can act.

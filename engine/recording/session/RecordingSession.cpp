@@ -74,6 +74,41 @@ void RecordingSession::stop() { queue_->post([this] { doStop(std::nullopt); }); 
 
 void RecordingSession::discard() { queue_->post([this] { doDiscard(); }); }
 
+void RecordingSession::retrySaving() {
+    queue_->post([this] {
+        if (snapshot().phase != RecordingPhase::failed || !files_) {
+            return;
+        }
+        {
+            const std::lock_guard lock(mutex_);
+            state_.errorMessage.clear();
+            state_.needsStopRetry = false;
+        }
+        setPhase(RecordingPhase::finishing);
+        finalize({});
+    });
+}
+
+void RecordingSession::finalize(const std::string& captureFailure) {
+    try {
+        const RecordingFiles::Finalized done = operations_.finalizeTake(*files_);
+        {
+            const std::lock_guard lock(mutex_);
+            state_.savedURL = done.published;
+            state_.takeDirectory.reset();
+            state_.elapsed = completedDuration_;
+            state_.errorMessage = captureFailure;
+            state_.recoveryDirectory.reset();
+        }
+        files_.reset();
+        setPhase(RecordingPhase::saved);
+    } catch (const RecordingError& error) {
+        fail(error.message());
+    } catch (const std::exception& error) {
+        fail(captureFailure.empty() ? std::string(error.what()) : captureFailure);
+    }
+}
+
 void RecordingSession::doDiscard() {
     const Snapshot now = snapshot();
     if (now.phase == RecordingPhase::countdown) {
@@ -480,23 +515,7 @@ void RecordingSession::doStop(std::optional<std::string> interruption) {
             captureFailure = error.what();
         }
     }
-    try {
-        const RecordingFiles::Finalized done = operations_.finalizeTake(*files_);
-        {
-            const std::lock_guard lock(mutex_);
-            state_.savedURL = done.published;
-            state_.takeDirectory.reset();
-            state_.elapsed = completedDuration_;
-            state_.errorMessage = captureFailure;
-            state_.recoveryDirectory.reset();
-        }
-        files_.reset();
-        setPhase(RecordingPhase::saved);
-    } catch (const RecordingError& error) {
-        fail(error.message());
-    } catch (const std::exception& error) {
-        fail(captureFailure.empty() ? std::string(error.what()) : captureFailure);
-    }
+    finalize(captureFailure);
 }
 
 }  // namespace tessarin::engine

@@ -117,6 +117,8 @@ public:
     void stop();
     // From saved or failed: back to idle.
     void dismiss();
+    // From failed with the take still held: tries to join and publish it again.
+    void retrySaving();
     // From countdown, recording or paused (after the user confirmed): ends the capture and moves
     // the take to the Trash; back to idle. A take that can't be moved safely stays, and the
     // session fails with the sentence that says so.
@@ -136,6 +138,7 @@ private:
     void doResume();
     void doStop(std::optional<std::string> interruption);
     void doDiscard();
+    void finalize(const std::string& captureFailure);
     void doCountdownTick(uint64_t attempt);
     void interrupt(std::string message, uint64_t attempt);
     void fail(std::string message);

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "engine/recording/RecordingError.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
@@ -144,8 +145,13 @@ TEST(RecordingSession, ATakeThatCannotBeSavedIsKeptForRecovery) {
     Fixture f;
     fs::create_directories(f.place.destination);
     RecordingSessionOperations operations = f.operations();
-    operations.finalizeTake = [](RecordingFiles&) -> RecordingFiles::Finalized {
-        throw RecordingError(RecordingError::Case::destinationUnavailable);
+    auto refusals = std::make_shared<std::atomic<int>>(2);
+    const auto realFinalize = operations.finalizeTake;
+    operations.finalizeTake = [refusals, realFinalize](RecordingFiles& files) {
+        if (refusals->fetch_sub(1) > 0) {
+            throw RecordingError(RecordingError::Case::destinationUnavailable);
+        }
+        return realFinalize(files);
     };
     RecordingSession session(std::move(operations));
     session.start(display(), f.preferences(0));
@@ -157,10 +163,49 @@ TEST(RecordingSession, ATakeThatCannotBeSavedIsKeptForRecovery) {
               RecordingError(RecordingError::Case::destinationUnavailable).message());
     ASSERT_TRUE(failed.recoveryDirectory);
     EXPECT_TRUE(fs::is_regular_file(*failed.recoveryDirectory / "segment-00000.mp4"));
-    // Once the session lets it go, the take is what recovery offers.
+    // Retry saving fails once more and keeps the take again...
+    ASSERT_EQ(refusals->load(), 1);
+    session.retrySaving();
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (!(refusals->load() == 0 && session.snapshot().phase == RecordingPhase::failed) &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_EQ(refusals->load(), 0);
+    EXPECT_EQ(session.snapshot().phase, RecordingPhase::failed);
+    EXPECT_TRUE(fs::is_directory(*failed.recoveryDirectory));
+    // ...and once the session lets it go, the take is what recovery offers.
     session.dismiss();
     ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 5s));
     EXPECT_TRUE(RecordingNamespace::isUnfinishedTake(*failed.recoveryDirectory));
+}
+
+TEST(RecordingSession, RetrySavingPublishesATakeThatFailedToSave) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSessionOperations operations = f.operations();
+    auto refusals = std::make_shared<std::atomic<int>>(1);
+    const auto realFinalize = operations.finalizeTake;
+    operations.finalizeTake = [refusals, realFinalize](RecordingFiles& files) {
+        if (refusals->fetch_sub(1) > 0) {
+            throw RecordingError(RecordingError::Case::destinationUnavailable);
+        }
+        return realFinalize(files);
+    };
+    RecordingSession session(std::move(operations));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    session.stop();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::failed, 30s));
+    const std::optional<fs::path> kept = session.snapshot().recoveryDirectory;
+    ASSERT_TRUE(kept);
+    session.retrySaving();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+    const RecordingSession::Snapshot saved = session.snapshot();
+    ASSERT_TRUE(saved.savedURL);
+    EXPECT_NEAR(test::videoSeconds(*saved.savedURL), 2.0, 0.1);
+    EXPECT_FALSE(saved.recoveryDirectory);
+    EXPECT_FALSE(fs::exists(*kept));
 }
 
 TEST(RecordingSession, DiscardEndsTheTakeAndMovesItToTheTrash) {
