@@ -34,9 +34,20 @@ RecordingSession::RecordingSession(RecordingSessionOperations operations, Listen
     : operations_(std::move(operations)), listener_(std::move(listener)) {
     queue_ = std::make_unique<SerialQueue>("com.tessarin.recording.session");
     monitor_ = std::thread([this] { monitor(); });
+    if (operations_.watchSleep) {
+        sleepWatch_ = operations_.watchSleep([this] {
+            uint64_t attempt = 0;
+            {
+                const std::lock_guard lock(mutex_);
+                attempt = sessionID_;
+            }
+            queue_->post([this, attempt] { interrupt(kGoingToSleepSentence, attempt); });
+        });
+    }
 }
 
 RecordingSession::~RecordingSession() {
+    sleepWatch_.reset();  // no more posts from the watcher's thread
     stop();
     (void)waitUntilSettled(std::chrono::minutes(1));
     {

@@ -56,6 +56,8 @@ enum class RecordingPhase {
 // window or app no longer there.
 [[nodiscard]] std::string sourceGoneSentence(RecordingMode mode);
 
+inline constexpr const char* kGoingToSleepSentence = "The computer is going to sleep.";
+
 inline constexpr const char* kLiveSessionReason =
     "Stop capture before starting or recovering another take.";
 
@@ -72,6 +74,9 @@ struct RecordingSessionOperations {
     std::function<RecordingStorageStatus(const std::filesystem::path&)> storageCheck;
     std::chrono::milliseconds storageInterval{1000};
     std::function<std::filesystem::path()> recordingRoot;
+    // Calls its argument (from any thread) when the computer is about to sleep, for as long as
+    // the returned handle lives. Empty: not watched.
+    std::function<std::shared_ptr<void>(std::function<void()>)> watchSleep;
     int64_t lowSpaceBytes = kDefaultLowSpaceBytes;
     std::set<uint32_t> excludedWindowIDs;
 
@@ -169,6 +174,7 @@ private:
 
     std::unique_ptr<SerialQueue> queue_;
     std::thread monitor_;
+    std::shared_ptr<void> sleepWatch_;  // released first, before the queue goes
 };
 
 }  // namespace tessarin::engine

@@ -6,6 +6,7 @@
 #include "engine/recording/capture/PulseSources.hpp"
 #include "engine/recording/capture/X11Sources.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
+#include "engine/recording/session/SleepWatch.hpp"
 
 namespace tessarin::engine {
 
@@ -54,6 +55,9 @@ RecordingSessionOperations RecordingSessionOperations::platform(RecordingWork wo
         return probe->status(folder, /*strict=*/false).get();
     };
     operations.recordingRoot = [] { return RecordingNamespace::recordingRoot(); };
+    operations.watchSleep = [](std::function<void()> onSleep) {
+        return watchSystemSleep(std::move(onSleep));
+    };
     return operations;
 }
 

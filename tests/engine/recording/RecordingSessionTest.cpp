@@ -141,6 +141,25 @@ TEST(RecordingSession, AFillingDriveStopsTheTakeAndSavesIt) {
               RecordingError(RecordingError::Case::lowDiskSpace).message());
 }
 
+TEST(RecordingSession, SleepStopsTheTakeAndSavesIt) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSessionOperations operations = f.operations();
+    auto announce = std::make_shared<std::function<void()>>();
+    operations.watchSleep = [announce](std::function<void()> onSleep) {
+        *announce = std::move(onSleep);
+        return std::make_shared<int>(0);
+    };
+    RecordingSession session(std::move(operations));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    ASSERT_TRUE(*announce);
+    std::thread([announce] { (*announce)(); }).join();  // as from the watcher's own thread
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+    EXPECT_EQ(session.snapshot().interruptionMessage, "The computer is going to sleep.");
+    EXPECT_TRUE(session.snapshot().savedURL && fs::is_regular_file(*session.snapshot().savedURL));
+}
+
 TEST(RecordingSession, ATakeThatCannotBeSavedIsKeptForRecovery) {
     Fixture f;
     fs::create_directories(f.place.destination);
