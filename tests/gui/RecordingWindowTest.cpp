@@ -100,6 +100,29 @@ TEST_F(RecordingWindowTest, RecordsAnAreaPausesResumesAndSaves) {
     EXPECT_TRUE(record->isEnabled());
 }
 
+TEST_F(RecordingWindowTest, ClosingWithATakeRunningSavesItBeforeTheWindowCloses) {
+    app::RecordingSessionModel& model = core_->recordingSession();
+    engine::RecordingPreferences preferences = model.preferences();
+    preferences.systemAudio = false;
+    preferences.microphoneID.reset();
+    preferences.countdown = 0;
+    preferences.destinationPath = media_.path().string();
+    engine::RecordingTarget target;
+    target.mode = engine::RecordingMode::area;
+    target.area = engine::RecordingRect{0, 0, 320, 240};
+    model.start(target, preferences);
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::recording; },
+                          std::chrono::milliseconds(15000)))
+        << model.snapshot().errorMessage;
+    QTest::qWait(1000);
+    QSignalSpy saved(&model, &app::RecordingSessionModel::saved);
+    EXPECT_FALSE(window_->close());  // not yet: the take is saved first
+    EXPECT_TRUE(window_->isVisible());
+    ASSERT_TRUE(waitUntil([&] { return !saved.isEmpty() && !window_->isVisible(); },
+                          std::chrono::milliseconds(30000)));
+    EXPECT_TRUE(fs::is_regular_file(saved.front().front().toString().toStdString()));
+}
+
 TEST(AreaPickerOverlay, ADragMarksTheAreaAndEscapeCancels) {
     QScreen* screen = QGuiApplication::primaryScreen();
     auto* overlay = new AreaPickerOverlay(screen);
