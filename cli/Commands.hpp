@@ -112,6 +112,23 @@ struct RecordingsRequest {
 // saved to their recording folder, or moved to the Trash.
 int runRecordings(const RecordingsRequest& request);
 
+struct RecordRequest {
+    std::optional<uint32_t> display;  // RandR monitor index
+    std::optional<std::string> window;  // X11 window id, decimal or 0x hex
+    std::optional<std::string> area;    // X,Y,W,H
+    int64_t framesPerSecond = 30;
+    bool systemAudio = false;
+    std::optional<std::string> microphone;  // PulseAudio source name, or "default"
+    std::optional<int64_t> maximumDimension;
+    std::optional<double> duration;  // seconds of recording, pauses not counted
+    std::optional<std::filesystem::path> outputDirectory;
+    bool json = false;
+};
+
+// `tessarin record`: one screen recording, saved into the recording folder (or --output-dir).
+// SIGINT/SIGTERM stop and save, SIGUSR1 pauses, SIGUSR2 resumes.
+int runRecord(const RecordRequest& request);
+
 struct SilenceRequest {
     engine::SilenceSettings settings;  // the editor's starting values unless given
     std::optional<std::filesystem::path> writeClipList;

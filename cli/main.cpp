@@ -153,6 +153,24 @@ int main(int argc, char** argv) {
         recordingsCommand->add_subcommand("discard", "Move one unfinished recording to the Trash");
     discardRecording->add_option("TAKE", recordings.take, "A recording id from `list`")->required();
 
+    RecordRequest record;
+    CLI::App* recordCommand = app.add_subcommand(
+        "record", "Record the screen until --duration or Ctrl-C (SIGUSR1 pauses, SIGUSR2 resumes)");
+    recordCommand->add_option("--display", record.display, "RandR monitor number (default 0)");
+    recordCommand->add_option("--window", record.window, "X11 window id (decimal or 0x hex)");
+    recordCommand->add_option("--area", record.area, "X,Y,WIDTH,HEIGHT in screen pixels");
+    recordCommand->add_option("--fps", record.framesPerSecond, "30 or 60 (default 30)");
+    recordCommand->add_flag("--system-audio", record.systemAudio,
+                            "Record what the default output plays");
+    recordCommand->add_option("--mic", record.microphone,
+                              "Record this PulseAudio source (\"default\" for the default one)");
+    recordCommand->add_option("--max-dimension", record.maximumDimension,
+                              "Longest side of the video in pixels (default: the stored setting)");
+    recordCommand->add_option("--duration", record.duration, "Stop after this many seconds");
+    recordCommand->add_option("--output-dir", record.outputDirectory,
+                              "Folder for the recording (default: the recording folder)");
+    recordCommand->add_flag("--json", record.json, "One JSON object per event on stdout");
+
     SilenceRequest silence;
     CLI::App* silenceCommand = app.add_subcommand(
         "silence", "Suggest keep clips: the parts of a video between its silent stretches");
@@ -212,6 +230,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*recordCommand) {
+        return runRecord(record);
     }
     if (*silenceCommand) {
         return runSilence(silence);

@@ -21,7 +21,9 @@
 #include "gui/NoticeBanner.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
+#include "gui/RecordScreenDialog.hpp"
 #include "gui/RecordingRecoveryDialog.hpp"
+#include "gui/RecordingToolbar.hpp"
 #include "gui/SettingsWindow.hpp"
 #include "gui/ShowInFolder.hpp"
 #include "gui/TrimEditorDialog.hpp"
@@ -58,8 +60,14 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     settings_->setObjectName("settingsButton");
     settings_->setToolTip(tr("Output folder, presets, interface scale (Ctrl+,)"));
     connect(settings_, &QPushButton::clicked, this, &MainWindow::showSettings);
+    record_ = new QPushButton(tr("Record Screen…"), central);
+    record_->setObjectName("recordScreenButton");
+    record_->setToolTip(tr("Record a display, a window or an area (Ctrl+Shift+R)"));
+    record_->setEnabled(app_.recordingSession().available());
+    connect(record_, &QPushButton::clicked, this, &MainWindow::showRecordScreen);
     header->addWidget(title);
     header->addStretch();
+    header->addWidget(record_);
     header->addWidget(settings_);
     layout->addLayout(header);
 
@@ -98,6 +106,19 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(remove, &QShortcut::activated, this, &MainWindow::removeFocusedRow);
     auto* quit = new QShortcut(QKeySequence::Quit, this);
     connect(quit, &QShortcut::activated, this, &MainWindow::close);
+    auto* recordShortcut = new QShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R), this);
+    connect(recordShortcut, &QShortcut::activated, this, &MainWindow::showRecordScreen);
+    recordingToolbar_ = new RecordingToolbar(app_.recordingSession(), this);
+    recordingToolbar_->hide();
+    connect(recordingToolbar_, &RecordingToolbar::addToQueue, this,
+            [this](const QString& path) { dropURLs({QUrl::fromLocalFile(path)}); });
+    connect(&app_.recordingSession(), &app::RecordingSessionModel::changed, this, [this] {
+        app::RecordingSessionModel& recording = app_.recordingSession();
+        record_->setEnabled(recording.available() && !recording.isLive());
+        if (quitAfterRecording_ && !recording.isLive()) {
+            close();
+        }
+    });
     auto* preferences = new QShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma), this);
     connect(preferences, &QShortcut::activated, this, &MainWindow::showSettings);
 
@@ -390,7 +411,38 @@ SettingsWindow* MainWindow::showSettings() {
     return settingsWindow_;
 }
 
+RecordScreenDialog* MainWindow::recordScreenDialog() const { return recordDialog_; }
+
+void MainWindow::showRecordScreen() {
+    app::RecordingSessionModel& recording = app_.recordingSession();
+    if (!recording.available() || recording.isLive() || recordDialog_) {
+        return;
+    }
+    recordDialog_ = new RecordScreenDialog(recording.preferences(), this);
+    recordDialog_->setAttribute(Qt::WA_DeleteOnClose);
+    connect(recordDialog_, &QDialog::accepted, this, [this] {
+        app_.recordingSession().start(recordDialog_->target(), recordDialog_->preferences());
+        recordingToolbar_->show();
+        recordingToolbar_->raise();
+    });
+    recordDialog_->open();
+}
+
 void MainWindow::closeEvent(QCloseEvent* event) {
+    app::RecordingSessionModel& recording = app_.recordingSession();
+    if (recording.isLive()) {
+        // The take is stopped and saved first; the window closes once it is (at most a minute).
+        event->ignore();
+        if (!quitAfterRecording_) {
+            quitAfterRecording_ = true;
+            recording.handleQuit([this](bool settled) {
+                if (!settled) {
+                    quitAfterRecording_ = false;  // stays up, so the user can act
+                }
+            });
+        }
+        return;
+    }
     if (app_.quitDecision() == app::TessarinApp::QuitDecision::askConversionsInProgress) {
         QMessageBox alert(
             QMessageBox::Warning, QString::fromUtf8(app::TessarinApp::kQuitAlertTitle),

@@ -27,6 +27,8 @@ class FastCutReviewDialog;
 class NoticeBanner;
 class QueueList;
 class RecordingRecoveryDialog;
+class RecordingToolbar;
+class RecordScreenDialog;
 class TrimEditorDialog;
 
 class MainWindow : public QMainWindow {
@@ -58,9 +60,15 @@ public:
     // Opens the trim editor for row `id` (a row that waits); `withPlayer` false leaves the
     // player out.
     TrimEditorDialog* openTrimEditor(const engine::Uuid& id, bool withPlayer = true);
+    // "Record Screen…": the source dialog, then the recording toolbar.
+    void showRecordScreen();
+    // The source dialog while it is open, and the toolbar of the take.
+    [[nodiscard]] RecordScreenDialog* recordScreenDialog() const;
+    [[nodiscard]] RecordingToolbar* recordingToolbar() const { return recordingToolbar_; }
 
 protected:
     void closeEvent(QCloseEvent* event) override;
+
 
 private:
     QWidget* makeQueuePane();
@@ -94,6 +102,10 @@ private:
     QPointer<SettingsWindow> settingsWindow_;
     QPointer<RecordingRecoveryDialog> recoveryDialog_;
     QPointer<ConsentSheet> consentSheet_;
+    QPointer<RecordScreenDialog> recordDialog_;
+    RecordingToolbar* recordingToolbar_ = nullptr;
+    QPushButton* record_ = nullptr;
+    bool quitAfterRecording_ = false;
 };
 
 }  // namespace tessarin::gui

@@ -9,7 +9,7 @@ root="$(cd "$(dirname "$0")/.." && pwd)"
   tessarin_publish_bench tessarin_conversion_job_bench tessarin_fast_cut_bench \
   tessarin_frame_export_bench tessarin_queue_intake_bench tessarin_cut_aids_bench \
   tessarin_recording_join_bench tessarin_handoff_server_bench tessarin_transcription_upload_bench \
-  tessarin_transcription_pipeline_bench
+  tessarin_transcription_pipeline_bench tessarin_cli
 bin="$root/build/release/bin"
 export CONVERTER_TOOLS_DIR="$root/build/release/libexec/tessarin"
 
@@ -37,3 +37,5 @@ echo "== transcription upload (100 MB audio to a loopback HTTPS server vs curl -
 "$bin/tessarin_transcription_upload_bench" 3
 echo "== transcription pipeline (a 30-minute talk, two chunks, vs ffmpeg and curl by hand)"
 "$bin/tessarin_transcription_pipeline_bench" "${1:-1}"
+echo "== screen recording (30 s of 1920x1080 at 30 fps on Xvfb vs a bare gst-launch pipeline)"
+"$root/bench/recording_capture_bench.sh" "$bin" 30

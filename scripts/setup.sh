@@ -27,6 +27,12 @@ packages=(
   ffmpeg gifsicle
   # runtime: the user's videos folder for recordings (xdg-user-dir)
   xdg-user-dirs
+  # screen recording: GStreamer capture and encoding, X11 sources, PulseAudio and PipeWire
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-ugly gstreamer1.0-plugins-bad gstreamer1.0-pulseaudio
+  gstreamer1.0-pipewire gstreamer1.0-x libx11-dev libxrandr-dev
+  # recording tests and benchmark: a private sound server, X tools, gst-launch
+  pulseaudio pulseaudio-utils x11-utils xdotool gstreamer1.0-tools
 )
 
 missing=()

@@ -148,6 +148,15 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
     queue_ = std::make_unique<QueueModel>(tools_);
     recordingRecovery_ = std::make_unique<RecordingRecoveryModel>(
         settings_, environment_.recordingRoot.value_or(std::filesystem::path()), tools_);
+    RecordingSessionModel::OperationsFactory recordingOperations;
+    if (tools_) {
+        recordingOperations = [tools = *tools_] {
+            engine::RecordingWork work;
+            work.tools = tools;
+            return engine::RecordingSessionOperations::platform(std::move(work));
+        };
+    }
+    recordingSession_ = std::make_unique<RecordingSessionModel>(settings_, recordingOperations);
 
     QueueModel& queue = *queue_;
     queue.encoderCapabilityPolicy = [this] { return presetStore_->encoderPolicy(); };
@@ -216,6 +225,7 @@ TessarinApp::~TessarinApp() {
     urlIntake_.reset();
     queue_.reset();
     transcription_.reset();
+    recordingSession_.reset();
     recordingRecovery_.reset();
     (void)handoff_->waitUntilIdle(std::chrono::seconds(15));
 }

@@ -28,6 +28,7 @@
 #include "app/intake/URLIntake.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "app/recording/RecordingRecoveryModel.hpp"
+#include "app/recording/RecordingSessionModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
 #include "app/transcription/TranscriptionSettingsModel.hpp"
@@ -118,6 +119,7 @@ public:
     [[nodiscard]] RecordingRecoveryModel& recordingRecovery() { return *recordingRecovery_; }
     // The transcription settings; null when the environment gave no key store.
     [[nodiscard]] TranscriptionSettingsModel* transcription() { return transcription_.get(); }
+    [[nodiscard]] RecordingSessionModel& recordingSession() { return *recordingSession_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -173,6 +175,7 @@ private:
     std::unique_ptr<TranscriptionSettingsModel> transcription_;
     std::unique_ptr<QueueModel> queue_;
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
+    std::unique_ptr<RecordingSessionModel> recordingSession_;
     std::unique_ptr<DesktopNotifier> notifier_;
     std::shared_ptr<MainThreadHandoff> handoff_;
     std::unique_ptr<URLIntake> urlIntake_;

@@ -1,0 +1,160 @@
+#include "gui/RecordingToolbar.hpp"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "gui/ShowInFolder.hpp"
+
+namespace tessarin::gui {
+
+using engine::RecordingPhase;
+
+RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* parent)
+    : QWidget(parent, Qt::Tool | Qt::WindowStaysOnTopHint), model_(model) {
+    setObjectName("recordingToolbar");
+    setWindowTitle(tr("Recording"));
+    auto* layout = new QVBoxLayout(this);
+    auto* row = new QHBoxLayout;
+    status_ = new QLabel(this);
+    status_->setObjectName("recordingStatus");
+    time_ = new QLabel(this);
+    time_->setObjectName("recordingTime");
+    QFont mono = time_->font();
+    mono.setFamily(QStringLiteral("monospace"));
+    mono.setPointSizeF(mono.pointSizeF() * 1.3);
+    time_->setFont(mono);
+    pauseResume_ = new QPushButton(this);
+    pauseResume_->setObjectName("pauseResumeRecording");
+    stop_ = new QPushButton(tr("Stop"), this);
+    stop_->setObjectName("stopRecording");
+    close_ = new QPushButton(tr("Close"), this);
+    close_->setObjectName("closeRecording");
+    discard_ = new QPushButton(tr("Discard…"), this);
+    discard_->setObjectName("discardRecording");
+    addToQueue_ = new QPushButton(tr("Add to Queue"), this);
+    addToQueue_->setObjectName("addRecordingToQueue");
+    retry_ = new QPushButton(tr("Retry Saving"), this);
+    retry_->setObjectName("retrySavingRecording");
+    reveal_ = new QPushButton(tr("Reveal Recovery Files"), this);
+    reveal_->setObjectName("revealRecordingFiles");
+    row->addWidget(status_);
+    row->addWidget(time_);
+    row->addStretch();
+    row->addWidget(pauseResume_);
+    row->addWidget(stop_);
+    row->addWidget(discard_);
+    row->addWidget(addToQueue_);
+    row->addWidget(retry_);
+    row->addWidget(reveal_);
+    row->addWidget(close_);
+    layout->addLayout(row);
+    message_ = new QLabel(this);
+    message_->setObjectName("recordingMessage");
+    message_->setWordWrap(true);
+    message_->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    layout->addWidget(message_);
+
+    connect(pauseResume_, &QPushButton::clicked, this, [this] {
+        if (model_.snapshot().phase == RecordingPhase::paused) {
+            model_.resume();
+        } else {
+            model_.pause();
+        }
+    });
+    connect(stop_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::stop);
+    connect(discard_, &QPushButton::clicked, this, [this] {
+        QMessageBox ask(QMessageBox::Warning, tr("Discard this recording?"),
+                        tr("Discard this recording?"), QMessageBox::NoButton, this);
+        ask.setObjectName("discardRecordingAlert");
+        ask.setInformativeText(tr("The recording stops and its files go to the Trash."));
+        QPushButton* keep = ask.addButton(tr("Keep Recording"), QMessageBox::RejectRole);
+        QPushButton* discard = ask.addButton(tr("Discard"), QMessageBox::DestructiveRole);
+        ask.setDefaultButton(keep);
+        ask.exec();
+        if (ask.clickedButton() == discard) {
+            model_.discard();
+        }
+    });
+    connect(retry_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::retrySaving);
+    connect(reveal_, &QPushButton::clicked, this, [this] {
+        if (const auto& folder = model_.snapshot().recoveryDirectory) {
+            showInFolder(QString::fromStdString((*folder / "take.json").string()));
+        }
+    });
+    connect(addToQueue_, &QPushButton::clicked, this, [this] {
+        if (model_.snapshot().savedURL) {
+            emit addToQueue(QString::fromStdString(model_.snapshot().savedURL->string()));
+            addToQueue_->setEnabled(false);
+        }
+    });
+    connect(close_, &QPushButton::clicked, this, [this] {
+        model_.dismiss();
+        hide();
+    });
+    connect(&model_, &app::RecordingSessionModel::changed, this, &RecordingToolbar::refresh);
+    refresh();
+}
+
+QString RecordingToolbar::timeText(double seconds) {
+    const auto whole = static_cast<qint64>(seconds < 0 ? 0 : seconds);
+    const qint64 hours = whole / 3600;
+    const qint64 minutes = whole / 60 % 60;
+    const qint64 rest = whole % 60;
+    if (hours > 0) {
+        return QStringLiteral("%1:%2:%3").arg(hours).arg(minutes, 2, 10, QChar('0')).arg(rest, 2, 10, QChar('0'));
+    }
+    return QStringLiteral("%1:%2").arg(minutes, 2, 10, QChar('0')).arg(rest, 2, 10, QChar('0'));
+}
+
+void RecordingToolbar::refresh() {
+    const engine::RecordingSession::Snapshot& snapshot = model_.snapshot();
+    const RecordingPhase phase = snapshot.phase;
+    status_->setText(QString::fromUtf8(engine::recordingPhaseStatus(phase)));
+    status_->setAccessibleName(status_->text());
+    time_->setText(phase == RecordingPhase::countdown
+                       ? QString::number(snapshot.countdownRemaining)
+                       : timeText(snapshot.elapsed));
+    const bool paused = phase == RecordingPhase::paused;
+    pauseResume_->setText(paused ? tr("Resume") : tr("Pause"));
+    pauseResume_->setEnabled(phase == RecordingPhase::recording || paused);
+    stop_->setEnabled(phase == RecordingPhase::recording || paused ||
+                      phase == RecordingPhase::countdown);
+    const bool ended = phase == RecordingPhase::saved || phase == RecordingPhase::failed;
+    close_->setVisible(ended);
+    pauseResume_->setVisible(!ended);
+    stop_->setVisible(!ended);
+    discard_->setVisible(!ended);
+    discard_->setEnabled(phase == RecordingPhase::recording || paused ||
+                         phase == RecordingPhase::countdown);
+    addToQueue_->setVisible(phase == RecordingPhase::saved && snapshot.savedURL.has_value());
+    const bool kept = phase == RecordingPhase::failed && snapshot.recoveryDirectory.has_value();
+    retry_->setVisible(kept);
+    reveal_->setVisible(kept);
+    if (phase != RecordingPhase::saved) {
+        addToQueue_->setEnabled(true);
+    }
+    if (phase == RecordingPhase::idle && isVisible()) {
+        hide();  // discarded
+    }
+    QStringList lines;
+    if (!snapshot.interruptionMessage.empty()) {
+        lines << QString::fromStdString(snapshot.interruptionMessage);
+    }
+    if (!snapshot.errorMessage.empty()) {
+        lines << QString::fromStdString(snapshot.errorMessage);
+    }
+    if (phase == RecordingPhase::saved && snapshot.savedURL) {
+        lines << tr("Saved to %1").arg(QString::fromStdString(snapshot.savedURL->string()));
+    }
+    if (phase == RecordingPhase::failed && snapshot.recoveryDirectory) {
+        lines << tr("The captured parts are kept: Retry Saving tries again, and Tessarin offers "
+                    "to recover them at the next start.");
+    }
+    message_->setText(lines.join(QLatin1Char('\n')));
+    message_->setVisible(!lines.isEmpty());
+}
+
+}  // namespace tessarin::gui

@@ -1,0 +1,247 @@
+// The session's phases with a capture that writes a ready-made segment per start (the platform
+// capture is the one thing replaced): countdown, pause and resume by segments, stop during the
+// countdown, a drive that fills up, and a take that can't be saved.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "engine/recording/RecordingError.hpp"
+#include "engine/recording/session/RecordingSession.hpp"
+#include "tests/engine/recording/RecordingTestSupport.hpp"
+#include "tests/support/TestMedia.hpp"
+
+namespace tessarin::engine {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+// Writes the two-second test segment on start, as a real capture writes its file.
+class SegmentCapture final : public RecordingCaptureControlling {
+public:
+    explicit SegmentCapture(RecordingCaptureRequest request) : request_(std::move(request)) {}
+    void start() override { fs::copy_file(test::fragmentedSegment(), request_.url); }
+    [[nodiscard]] double stop() override { return 2.0; }
+    [[nodiscard]] RecordingSize outputSize() const override {
+        return request_.outputSize.value_or(RecordingSize{160, 120});
+    }
+    [[nodiscard]] double runningTime() const override { return 0.5; }
+    [[nodiscard]] RecordingAudioLevels levels() const override { return {}; }
+    void setOnInterruption(std::function<void(std::optional<std::string>)>) override {}
+
+private:
+    RecordingCaptureRequest request_;
+};
+
+struct Fixture {
+    test::RecordingPlace place;
+    std::mutex mutex;
+    std::vector<RecordingCaptureRequest> requests;  // guarded by mutex
+    std::atomic<int64_t> freeBytes{int64_t{8} << 30};
+
+    RecordingSessionOperations operations() {
+        RecordingSessionOperations operations;
+        operations.captureFactory = [this](RecordingCaptureRequest request) {
+            const std::lock_guard lock(mutex);
+            requests.push_back(request);
+            return std::make_unique<SegmentCapture>(std::move(request));
+        };
+        RecordingWork work;
+        work.tools = *Tools::inBundle(test::helperDirectory());
+        operations.finalizeTake = [work](RecordingFiles& files) { return files.finalize(work); };
+        operations.sourceAvailability = [](const RecordingTarget&) { return true; };
+        operations.microphoneAvailable = [](const std::string&) { return true; };
+        operations.storageCheck = [this](const fs::path&) {
+            return RecordingStorageStatus::available(freeBytes.load(), 7);
+        };
+        operations.storageInterval = 100ms;
+        operations.recordingRoot = [this] { return place.root; };
+        return operations;
+    }
+
+    RecordingPreferences preferences(int64_t countdown) const {
+        RecordingPreferences preferences;
+        preferences.countdown = countdown;
+        preferences.destinationPath = place.destination.string();
+        return preferences;
+    }
+};
+
+RecordingTarget display() { return RecordingTarget{}; }
+
+TEST(RecordingSession, CountsDownRecordsPausesBySegmentsAndSaves) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(1));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::countdown, 5s));
+    EXPECT_EQ(session.snapshot().countdownRemaining, 1);
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s)) << session.snapshot().errorMessage;
+    session.pause();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::paused, 5s));
+    EXPECT_DOUBLE_EQ(session.snapshot().elapsed, 2.0);
+    session.resume();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    EXPECT_DOUBLE_EQ(session.snapshot().elapsed, 2.5);  // a finished segment and the running one
+    session.stop();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+
+    const RecordingSession::Snapshot done = session.snapshot();
+    ASSERT_TRUE(done.savedURL);
+    EXPECT_EQ(done.savedURL->parent_path(), f.place.destination);
+    EXPECT_THAT(done.savedURL->filename().string(), ::testing::StartsWith("Recording "));
+    EXPECT_NEAR(test::videoSeconds(*done.savedURL), 4.0, 0.1);
+    EXPECT_DOUBLE_EQ(done.elapsed, 4.0);
+    const std::lock_guard lock(f.mutex);
+    ASSERT_EQ(f.requests.size(), 2u);
+    EXPECT_FALSE(f.requests[0].outputSize);
+    // The resumed segment is made at the first one's size, so that they join.
+    EXPECT_EQ(f.requests[1].outputSize, (RecordingSize{160, 120}));
+    EXPECT_NE(f.requests[0].url, f.requests[1].url);
+}
+
+TEST(RecordingSession, StopDuringTheCountdownCancelsBeforeAnythingIsMade) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(10));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::countdown, 5s));
+    session.stop();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::failed, 5s));
+    EXPECT_THAT(session.snapshot().errorMessage,
+                ::testing::StartsWith("Recording cancelled before capture started. "));
+    EXPECT_FALSE(fs::exists(f.place.root) && !fs::is_empty(f.place.root));
+    const std::lock_guard lock(f.mutex);
+    EXPECT_TRUE(f.requests.empty());
+}
+
+TEST(RecordingSession, AFillingDriveStopsTheTakeAndSavesIt) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s)) << session.snapshot().errorMessage;
+    f.freeBytes = 100 << 20;
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+    const RecordingSession::Snapshot done = session.snapshot();
+    EXPECT_EQ(done.interruptionMessage, RecordingError(RecordingError::Case::lowDiskSpace).message());
+    ASSERT_TRUE(done.savedURL);
+    EXPECT_TRUE(fs::is_regular_file(*done.savedURL));
+
+    // And a drive that is already full refuses the next take before it begins.
+    session.dismiss();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 5s));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::failed, 5s));
+    EXPECT_EQ(session.snapshot().errorMessage,
+              RecordingError(RecordingError::Case::lowDiskSpace).message());
+}
+
+TEST(RecordingSession, SleepStopsTheTakeAndSavesIt) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSessionOperations operations = f.operations();
+    auto announce = std::make_shared<std::function<void()>>();
+    operations.watchSleep = [announce](std::function<void()> onSleep) {
+        *announce = std::move(onSleep);
+        return std::make_shared<int>(0);
+    };
+    RecordingSession session(std::move(operations));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    ASSERT_TRUE(*announce);
+    std::thread([announce] { (*announce)(); }).join();  // as from the watcher's own thread
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+    EXPECT_EQ(session.snapshot().interruptionMessage, "The computer is going to sleep.");
+    EXPECT_TRUE(session.snapshot().savedURL && fs::is_regular_file(*session.snapshot().savedURL));
+}
+
+TEST(RecordingSession, ATakeThatCannotBeSavedIsKeptForRecovery) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSessionOperations operations = f.operations();
+    auto refusals = std::make_shared<std::atomic<int>>(2);
+    const auto realFinalize = operations.finalizeTake;
+    operations.finalizeTake = [refusals, realFinalize](RecordingFiles& files) {
+        if (refusals->fetch_sub(1) > 0) {
+            throw RecordingError(RecordingError::Case::destinationUnavailable);
+        }
+        return realFinalize(files);
+    };
+    RecordingSession session(std::move(operations));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    session.stop();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::failed, 30s));
+    const RecordingSession::Snapshot failed = session.snapshot();
+    EXPECT_EQ(failed.errorMessage,
+              RecordingError(RecordingError::Case::destinationUnavailable).message());
+    ASSERT_TRUE(failed.recoveryDirectory);
+    EXPECT_TRUE(fs::is_regular_file(*failed.recoveryDirectory / "segment-00000.mp4"));
+    // Retry saving fails once more and keeps the take again...
+    ASSERT_EQ(refusals->load(), 1);
+    session.retrySaving();
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    while (!(refusals->load() == 0 && session.snapshot().phase == RecordingPhase::failed) &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    ASSERT_EQ(refusals->load(), 0);
+    EXPECT_EQ(session.snapshot().phase, RecordingPhase::failed);
+    EXPECT_TRUE(fs::is_directory(*failed.recoveryDirectory));
+    // ...and once the session lets it go, the take is what recovery offers.
+    session.dismiss();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 5s));
+    EXPECT_TRUE(RecordingNamespace::isUnfinishedTake(*failed.recoveryDirectory));
+}
+
+TEST(RecordingSession, RetrySavingPublishesATakeThatFailedToSave) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    RecordingSessionOperations operations = f.operations();
+    auto refusals = std::make_shared<std::atomic<int>>(1);
+    const auto realFinalize = operations.finalizeTake;
+    operations.finalizeTake = [refusals, realFinalize](RecordingFiles& files) {
+        if (refusals->fetch_sub(1) > 0) {
+            throw RecordingError(RecordingError::Case::destinationUnavailable);
+        }
+        return realFinalize(files);
+    };
+    RecordingSession session(std::move(operations));
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    session.stop();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::failed, 30s));
+    const std::optional<fs::path> kept = session.snapshot().recoveryDirectory;
+    ASSERT_TRUE(kept);
+    session.retrySaving();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::saved, 30s)) << session.snapshot().errorMessage;
+    const RecordingSession::Snapshot saved = session.snapshot();
+    ASSERT_TRUE(saved.savedURL);
+    EXPECT_NEAR(test::videoSeconds(*saved.savedURL), 2.0, 0.1);
+    EXPECT_FALSE(saved.recoveryDirectory);
+    EXPECT_FALSE(fs::exists(*kept));
+}
+
+TEST(RecordingSession, DiscardEndsTheTakeAndMovesItToTheTrash) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    ::setenv("XDG_DATA_HOME", (f.place.temp / "data").c_str(), 1);  // the Trash
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    const std::optional<fs::path> take = session.snapshot().takeDirectory;
+    ASSERT_TRUE(take && fs::is_directory(*take));
+    session.discard();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 10s)) << session.snapshot().errorMessage;
+    EXPECT_FALSE(fs::exists(*take));
+    EXPECT_TRUE(fs::is_directory(f.place.temp / "data/Trash/files" / take->filename()));
+    EXPECT_TRUE(fs::is_empty(f.place.destination));
+}
+
+}  // namespace
+}  // namespace tessarin::engine
