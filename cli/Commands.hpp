@@ -107,4 +107,12 @@ struct SilenceRequest {
 // and with --write-clip-list a new clip list file of them.
 int runSilence(const SilenceRequest& request);
 
+struct ActionsRequest {
+    std::string verb = "status";  // status, install, repair, remove
+    bool json = false;
+};
+
+// `tessarin actions status|install|repair|remove`: the file-manager actions of this copy.
+int runActions(const ActionsRequest& request);
+
 }  // namespace tessarin::cli

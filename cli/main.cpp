@@ -154,6 +154,21 @@ int main(int argc, char** argv) {
     silenceCommand->add_flag("--json", silence.json, "One JSON object per event on stdout");
     silenceCommand->add_option("FILE", silence.file, "The video to scan")->required();
 
+    ActionsRequest actions;
+    CLI::App* actionsCommand = app.add_subcommand(
+        "actions", "The file-manager actions (Nautilus, Dolphin, Nemo): status, install, repair, "
+                   "remove");
+    actionsCommand->require_subcommand(1);
+    for (const char* verb : {"status", "install", "repair", "remove"}) {
+        CLI::App* sub = actionsCommand->add_subcommand(
+            verb, std::string(verb) == "status"    ? "Show each action file's state"
+                  : std::string(verb) == "install" ? "Write every action file, also ones you removed"
+                  : std::string(verb) == "repair"  ? "Restore edited or missing files you didn't remove"
+                                                   : "Remove the action files Tessarin wrote");
+        sub->add_flag("--json", actions.json, "One JSON object per event on stdout");
+        sub->callback([&actions, verb] { actions.verb = verb; });
+    }
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -190,6 +205,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*actionsCommand) {
+        return runActions(actions);
     }
     if (*silenceCommand) {
         return runSilence(silence);
