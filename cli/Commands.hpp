@@ -115,4 +115,8 @@ struct ActionsRequest {
 // `tessarin actions status|install|repair|remove`: the file-manager actions of this copy.
 int runActions(const ActionsRequest& request);
 
+// `tessarin report`: the plain-text support report (no paths, names or keys) on stdout; with
+// --json one "done" event carrying it under "report".
+int runReport(bool json);
+
 }  // namespace tessarin::cli

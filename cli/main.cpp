@@ -169,6 +169,12 @@ int main(int argc, char** argv) {
         sub->callback([&actions, verb] { actions.verb = verb; });
     }
 
+    bool reportJson = false;
+    CLI::App* reportCommand = app.add_subcommand(
+        "report", "Print the support report: versions, actions, settings, recent errors and log "
+                  "(no paths, file names or keys)");
+    reportCommand->add_flag("--json", reportJson, "One JSON object with the report on stdout");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -205,6 +211,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*reportCommand) {
+        return runReport(reportJson);
     }
     if (*actionsCommand) {
         return runActions(actions);

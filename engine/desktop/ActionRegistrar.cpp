@@ -130,7 +130,7 @@ void storeSeeded(SettingsStore& settings, const std::set<std::string>& seeded) {
         settings.setStringList(ActionRegistrar::kSeededKey,
                                std::vector<std::string>(seeded.begin(), seeded.end()));
     } catch (const std::exception& error) {
-        kLog.error(fmt::format("registrar: failed to persist {} seeded action(s)", seeded.size()));
+        kLog.error(fmt::format("failed to persist {} seeded action(s)", seeded.size()));
     }
 }
 
@@ -269,7 +269,7 @@ ActionChangeOutcome ActionRegistrar::write(bool honourUserRemovals) {
     }
     storeSeeded(settings_, seeded);
     kLog.notice(fmt::format(
-        "registrar: {} mismatch(es) on arrival, wrote {} file(s), {} foreign, {} failed",
+        "{} mismatch(es) on arrival, wrote {} file(s), {} foreign, {} failed",
         mismatches, outcome.written, outcome.foreign.size(), outcome.failed.size()));
     return outcome;
 }
@@ -301,7 +301,7 @@ ActionChangeOutcome ActionRegistrar::remove() {
         paths_.dataHome / "nautilus" / "scripts" / std::string(kActionMenuTitle);
     ::rmdir(menuFolder.c_str());
     storeSeeded(settings_, seeded);
-    kLog.notice(fmt::format("registrar: removed {} file(s), {} foreign, {} failed",
+    kLog.notice(fmt::format("removed {} file(s), {} foreign, {} failed",
                             outcome.removed, outcome.foreign.size(), outcome.failed.size()));
     return outcome;
 }
