@@ -119,4 +119,13 @@ int runActions(const ActionsRequest& request);
 // --json one "done" event carrying it under "report".
 int runReport(bool json);
 
+struct CliToolRequest {
+    std::string verb = "status";  // status, install, install-all-users
+    bool json = false;
+};
+
+// `tessarin cli-tool status|install|install-all-users`: a link to this program in ~/.local/bin
+// (with the ~/.profile lines when that isn't on PATH), or in /usr/local/bin through pkexec.
+int runCliTool(const CliToolRequest& request);
+
 }  // namespace tessarin::cli

@@ -175,6 +175,20 @@ int main(int argc, char** argv) {
                   "(no paths, file names or keys)");
     reportCommand->add_flag("--json", reportJson, "One JSON object with the report on stdout");
 
+    CliToolRequest cliTool;
+    CLI::App* cliToolCommand = app.add_subcommand(
+        "cli-tool", "Put this tessarin on your PATH: status, install (~/.local/bin), "
+                    "install-all-users (/usr/local/bin, asks for an administrator)");
+    cliToolCommand->require_subcommand(1);
+    for (const char* verb : {"status", "install", "install-all-users"}) {
+        CLI::App* sub = cliToolCommand->add_subcommand(
+            verb, std::string(verb) == "status"    ? "Show whether ~/.local/bin/tessarin is ours"
+                  : std::string(verb) == "install" ? "Link ~/.local/bin/tessarin to this program"
+                                                   : "Link /usr/local/bin/tessarin (pkexec)");
+        sub->add_flag("--json", cliTool.json, "One JSON object per event on stdout");
+        sub->callback([&cliTool, verb] { cliTool.verb = verb; });
+    }
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -211,6 +225,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*cliToolCommand) {
+        return runCliTool(cliTool);
     }
     if (*reportCommand) {
         return runReport(reportJson);
