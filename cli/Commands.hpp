@@ -128,4 +128,14 @@ struct CliToolRequest {
 // (with the ~/.profile lines when that isn't on PATH), or in /usr/local/bin through pkexec.
 int runCliTool(const CliToolRequest& request);
 
+struct UpdatesRequest {
+    std::string verb = "check";            // check, auto
+    std::optional<std::string> automatic;  // auto: "on" or "off"; absent shows the setting
+    bool json = false;
+};
+
+// `tessarin updates check|auto [on|off]`: whether the release feed lists a newer version, and
+// the setting "Automatically check for updates".
+int runUpdates(const UpdatesRequest& request);
+
 }  // namespace tessarin::cli

@@ -189,6 +189,19 @@ int main(int argc, char** argv) {
         sub->callback([&cliTool, verb] { cliTool.verb = verb; });
     }
 
+    UpdatesRequest updates;
+    CLI::App* updatesCommand = app.add_subcommand(
+        "updates", "Check the release feed for a newer version, or set automatic checks");
+    updatesCommand->require_subcommand(1);
+    CLI::App* checkUpdates = updatesCommand->add_subcommand("check", "Check for updates now");
+    checkUpdates->add_flag("--json", updates.json, "One JSON object per event on stdout");
+    CLI::App* autoUpdates = updatesCommand->add_subcommand(
+        "auto", "Show or set \"Automatically check for updates\" (off by default)");
+    autoUpdates->add_option("STATE", updates.automatic, "on or off")
+        ->check(CLI::IsMember({"on", "off"}));
+    autoUpdates->add_flag("--json", updates.json, "One JSON object on stdout");
+    autoUpdates->callback([&updates] { updates.verb = "auto"; });
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -225,6 +238,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*updatesCommand) {
+        return runUpdates(updates);
     }
     if (*cliToolCommand) {
         return runCliTool(cliTool);
