@@ -138,4 +138,15 @@ struct UpdatesRequest {
 // the setting "Automatically check for updates".
 int runUpdates(const UpdatesRequest& request);
 
+struct SharesRequest {
+    std::string verb = "list";  // list, mount
+    double seconds = 3.0;       // list: how long to browse
+    std::string host;           // mount: a host name such as nas.local
+    bool json = false;
+};
+
+// `tessarin shares list|mount HOST`: SMB hosts on the local network (Avahi), and mounting one
+// with `gio mount smb://HOST/`.
+int runShares(const SharesRequest& request);
+
 }  // namespace tessarin::cli

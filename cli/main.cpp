@@ -202,6 +202,19 @@ int main(int argc, char** argv) {
     autoUpdates->add_flag("--json", updates.json, "One JSON object on stdout");
     autoUpdates->callback([&updates] { updates.verb = "auto"; });
 
+    SharesRequest shares;
+    CLI::App* sharesCommand = app.add_subcommand(
+        "shares", "SMB shares on the local network: list them, or mount one for --output-dir");
+    sharesCommand->require_subcommand(1);
+    CLI::App* listShares = sharesCommand->add_subcommand("list", "Browse the network for SMB hosts");
+    listShares->add_option("--seconds", shares.seconds, "How long to browse (default 3)")
+        ->check(CLI::Range(0.1, 60.0));
+    listShares->add_flag("--json", shares.json, "One JSON object per event on stdout");
+    CLI::App* mountShare = sharesCommand->add_subcommand("mount", "Mount smb://HOST/ with gio");
+    mountShare->add_option("HOST", shares.host, "A host name ending in .local")->required();
+    mountShare->add_flag("--json", shares.json, "One JSON object per event on stdout");
+    mountShare->callback([&shares] { shares.verb = "mount"; });
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -238,6 +251,9 @@ int main(int argc, char** argv) {
                             : *discardRecording ? Action::discard
                                                 : Action::list;
         return runRecordings(recordings);
+    }
+    if (*sharesCommand) {
+        return runShares(shares);
     }
     if (*updatesCommand) {
         return runUpdates(updates);

@@ -25,6 +25,8 @@ packages=(
   ffmpeg gifsicle
   # runtime: the user's videos folder for recordings (xdg-user-dir)
   xdg-user-dirs
+  # the desktop around it: SMB hosts through Avahi, update feeds as XML, the .deb and its checks
+  libavahi-client-dev avahi-utils libxml2-dev desktop-file-utils lintian dpkg-dev appstream
 )
 
 missing=()
