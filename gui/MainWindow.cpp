@@ -1,20 +1,26 @@
 #include "gui/MainWindow.hpp"
 
 #include <QApplication>
+#include <QClipboard>
 #include <QCloseEvent>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QShortcut>
 #include <QStandardPaths>
+#include <QStatusBar>
+#include <QTabWidget>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include "app/destinations/OutputDestinationTexts.hpp"
 #include "gui/ActionChips.hpp"
+#include "gui/DesktopPage.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
 #include "gui/RecordingRecoveryDialog.hpp"
@@ -57,8 +63,41 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     settings_->setObjectName("settingsButton");
     settings_->setToolTip(tr("Output folder, presets, interface scale (Ctrl+,)"));
     connect(settings_, &QPushButton::clicked, this, &MainWindow::showSettings);
+    auto* more = new QToolButton(central);
+    more->setObjectName("desktopMenuButton");
+    more->setText(tr("More"));
+    more->setPopupMode(QToolButton::InstantPopup);
+    desktopMenu_ = new QMenu(more);
+    desktopMenu_->addAction(tr("File-Manager Actions…"), this, &MainWindow::showDesktopSettings);
+    desktopMenu_->addAction(tr("Install Command-Line Tool…"), this,
+                            &MainWindow::showDesktopSettings);
+    desktopMenu_->addAction(tr("Copy Support Report"), this, [this] {
+        statusBar()->showMessage(tr(app::DesktopServices::kCollecting));
+        app_.desktopServices().buildReport();
+    });
+    desktopMenu_->addAction(tr("Check for Updates…"), this, [this] {
+        statusBar()->showMessage(tr("Checking for updates…"));
+        app_.desktopServices().checkForUpdates();
+    });
+    more->setMenu(desktopMenu_);
+    connect(&app_.desktopServices(), &app::DesktopServices::reportReady, this,
+            [this](const QString& report) {
+                QApplication::clipboard()->setText(report);
+                statusBar()->showMessage(tr(app::DesktopServices::kCopied), 4000);
+            });
+    connect(&app_.desktopServices(), &app::DesktopServices::updateChecked, this,
+            [this](const QString& text, const QString& url) {
+                statusBar()->showMessage(url.isEmpty() ? text : text + QStringLiteral(" ") + url);
+            });
+    connect(&app_.fileManagerActions(), &app::FileManagerActionsModel::changed, this, [this] {
+        const QString health = app_.fileManagerActions().healthText();
+        if (!health.isEmpty() && !app_.fileManagerActions().busy()) {
+            statusBar()->showMessage(health);
+        }
+    });
     header->addWidget(title);
     header->addStretch();
+    header->addWidget(more);
     header->addWidget(settings_);
     layout->addLayout(header);
 
@@ -385,6 +424,12 @@ SettingsWindow* MainWindow::showSettings() {
     settingsWindow_->raise();
     settingsWindow_->activateWindow();
     return settingsWindow_;
+}
+
+SettingsWindow* MainWindow::showDesktopSettings() {
+    SettingsWindow* window = showSettings();
+    window->tabs()->setCurrentWidget(window->desktop());
+    return window;
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {

@@ -1,4 +1,4 @@
-// The settings window: General, Presets and About tabs.
+// The settings window: General, Presets, Desktop and About tabs.
 #pragma once
 
 #include <QWidget>
@@ -12,6 +12,7 @@ class TessarinApp;
 namespace tessarin::gui {
 
 class AboutPage;
+class DesktopPage;
 class GeneralSettingsPage;
 class PresetsPage;
 
@@ -25,12 +26,14 @@ public:
     [[nodiscard]] QTabWidget* tabs() const { return tabs_; }
     [[nodiscard]] GeneralSettingsPage* general() const { return general_; }
     [[nodiscard]] PresetsPage* presets() const { return presets_; }
+    [[nodiscard]] DesktopPage* desktop() const { return desktop_; }
     [[nodiscard]] AboutPage* about() const { return about_; }
 
 private:
     QTabWidget* tabs_;
     GeneralSettingsPage* general_;
     PresetsPage* presets_;
+    DesktopPage* desktop_;
     AboutPage* about_;
 };
 

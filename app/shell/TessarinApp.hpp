@@ -28,6 +28,8 @@
 #include "app/intake/URLIntake.hpp"
 #include "app/queue/QueueModel.hpp"
 #include "app/recording/RecordingRecoveryModel.hpp"
+#include "app/shell/DesktopServices.hpp"
+#include "app/shell/FileManagerActionsModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
@@ -88,6 +90,12 @@ public:
         // socket), and the helper folder whose `tessarin-action` may hand files over.
         std::optional<std::filesystem::path> handoffFolder;
         std::filesystem::path helperFolder;
+        // The folder of the file-manager actions ($XDG_DATA_HOME). Without one the registrar
+        // doesn't run at launch (its model still answers the window).
+        std::optional<std::filesystem::path> actionsDataHome;
+        // The home folder whose ~/.local/bin and ~/.profile the command-line tool installer
+        // uses. Without one, the account's.
+        std::optional<std::filesystem::path> home;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -112,6 +120,8 @@ public:
     [[nodiscard]] OutputDestination& outputDestination() { return *outputDestination_; }
     [[nodiscard]] FramesSettings& framesSettings() { return *framesSettings_; }
     [[nodiscard]] RecordingRecoveryModel& recordingRecovery() { return *recordingRecovery_; }
+    [[nodiscard]] FileManagerActionsModel& fileManagerActions() { return *fileManagerActions_; }
+    [[nodiscard]] DesktopServices& desktopServices() { return *desktopServices_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -167,6 +177,8 @@ private:
     std::unique_ptr<QueueModel> queue_;
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
     std::unique_ptr<DesktopNotifier> notifier_;
+    std::unique_ptr<FileManagerActionsModel> fileManagerActions_;
+    std::unique_ptr<DesktopServices> desktopServices_;
     std::shared_ptr<MainThreadHandoff> handoff_;
     std::unique_ptr<URLIntake> urlIntake_;
     std::unique_ptr<IntakeHandoffServer> handoffServer_;

@@ -1,7 +1,8 @@
 // Ends file-manager helper processes left over from a replaced install: processes of this user
-// whose name begins "tessarin-action" and whose executable (/proc/<pid>/exe) is no longer the
-// current helper (deleted, changed, or another path). Such a helper could only be refused by the
-// window ("replaced"), so it would wait out its time-out for nothing.
+// whose name begins "tessarin-action" and whose executable (/proc/<pid>/exe) was started from the
+// current helper's path but is no longer the file there (an update replaced or deleted it). Such
+// a helper could only be refused by the window ("replaced"), so it would wait out its time-out
+// for nothing. Helpers of other copies, at other paths, are theirs and are left alone.
 #pragma once
 
 #include <sys/types.h>

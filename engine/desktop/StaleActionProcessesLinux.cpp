@@ -46,10 +46,15 @@ int endStaleActionProcesses(const fs::path& currentHelper,
         if (linkError) {
             continue;
         }
-        // Same path and same file (a file replaced under the same name is a new inode).
+        // Started from the current helper's path, but that path now holds another file or none.
+        constexpr std::string_view kDeleted = " (deleted)";
+        const bool deleted = exe.ends_with(kDeleted);
+        const fs::path startedFrom = deleted ? exe.substr(0, exe.size() - kDeleted.size()) : exe;
+        if (startedFrom != current) {
+            continue;
+        }
         struct stat exeInfo {};
-        const bool stillCurrent = haveCurrent && !exe.ends_with(" (deleted)") &&
-                                  fs::path(exe) == current &&
+        const bool stillCurrent = !deleted && haveCurrent &&
                                   ::stat((it->path() / "exe").c_str(), &exeInfo) == 0 &&
                                   exeInfo.st_dev == currentInfo.st_dev &&
                                   exeInfo.st_ino == currentInfo.st_ino;

@@ -215,13 +215,13 @@ TEST_F(ActionRegistrarTest, AnotherCopysFilesAreLeftAloneUntilItsHelperIsGone) {
     EXPECT_EQ(states(), std::vector<ActionFileState>(24, ActionFileState::active));
 }
 
-// A helper process still running a deleted executable ends; one running the current helper is
-// left alone.
-TEST(StaleActionProcesses, EndsOnlyHelpersWhoseExecutableWasReplaced) {
+// A helper still running the file an update replaced ends; one running the new file, and one of
+// another copy (even a removed one), are left alone.
+TEST(StaleActionProcesses, EndsOnlyHelpersWhoseFileWasReplaced) {
     test::TempDir folder;
-    const fs::path current = folder / "new" / "tessarin-action";
-    const fs::path old = folder / "old" / "tessarin-action";
-    for (const fs::path& copy : {current, old}) {
+    const fs::path current = folder / "libexec" / "tessarin-action";
+    const fs::path other = folder / "other" / "tessarin-action";
+    for (const fs::path& copy : {current, other}) {
         fs::create_directories(copy.parent_path());
         fs::copy_file("/bin/sleep", copy);
     }
@@ -229,29 +229,35 @@ TEST(StaleActionProcesses, EndsOnlyHelpersWhoseExecutableWasReplaced) {
         pid_t pid = -1;
         char* argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>("30"), nullptr};
         EXPECT_EQ(posix_spawn(&pid, program.c_str(), nullptr, nullptr, argv, environ), 0);
+        // The name is set at exec: wait for it.
+        for (int i = 0; i < 200; ++i) {
+            std::string comm;
+            std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), comm);
+            if (comm == "tessarin-action") {
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
         return pid;
     };
-    const pid_t stale = spawn(old);
+    const pid_t stale = spawn(current);
+    const pid_t otherCopy = spawn(other);
+    fs::remove(other);
+    // The update: a new file under the same name.
+    fs::remove(current);
+    fs::copy_file("/bin/sleep", current);
     const pid_t live = spawn(current);
-    // Wait until both run the copies (the comm name is set at exec).
-    for (int i = 0; i < 200; ++i) {
-        std::string a, b;
-        std::getline(std::ifstream(fmt::format("/proc/{}/comm", stale)), a);
-        std::getline(std::ifstream(fmt::format("/proc/{}/comm", live)), b);
-        if (a == "tessarin-action" && b == "tessarin-action") {
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    fs::remove(old);
 
-    EXPECT_EQ(endStaleActionProcesses(current, std::vector<pid_t>{stale, live}), 1);
+    EXPECT_EQ(endStaleActionProcesses(current, std::vector<pid_t>{stale, live, otherCopy}), 1);
     int status = 0;
     ASSERT_EQ(::waitpid(stale, &status, 0), stale);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
     EXPECT_EQ(::waitpid(live, &status, WNOHANG), 0);
-    ::kill(live, SIGKILL);
-    ::waitpid(live, &status, 0);
+    EXPECT_EQ(::waitpid(otherCopy, &status, WNOHANG), 0);
+    for (const pid_t pid : {live, otherCopy}) {
+        ::kill(pid, SIGKILL);
+        ::waitpid(pid, &status, 0);
+    }
 }
 
 }  // namespace
