@@ -9,6 +9,7 @@
 #include "app/shell/DesktopNotifier.hpp"
 #include "app/support/MainThreadHandoff.hpp"
 #include "engine/desktop/DesktopPaths.hpp"
+#include "engine/desktop/StaleActionProcesses.hpp"
 #include "engine/encoders/ExternalSoftwareHEVCValidator.hpp"
 #include "engine/intake/HelperActions.hpp"
 #include "engine/log/Log.hpp"
@@ -293,6 +294,11 @@ bool TessarinApp::startHandoffServer() {
         engine::IntakeValidationAdmissionController::process().authenticatedHandoffGate);
     server->peerAuthenticator = [helper = installedActionHelper(environment_.helperFolder)](
                                     int socket) { return authenticatePeer(socket, helper); };
+    const std::filesystem::path helper =
+        environment_.helperFolder / std::string(engine::kActionHelperName);
+    staleScans_ = std::make_unique<engine::StaleScanScheduler>(
+        [helper] { engine::endStaleActionProcesses(helper); }, std::chrono::seconds(2));
+    server->rejectedPeer = [scans = staleScans_.get()] { scans->request(); };
     server->delivery = [handoff = handoff_, this](IntakeHandoffDelivery delivery) {
         auto shared = std::make_shared<IntakeHandoffDelivery>(std::move(delivery));
         handoff->post([this, shared] { urlIntake_->deliver(std::move(*shared)); });

@@ -32,6 +32,7 @@
 #include "app/shell/FileManagerActionsModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
+#include "engine/desktop/StaleScanScheduler.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/process/Tools.hpp"
 #include "engine/settings/SettingsStore.hpp"
@@ -181,6 +182,8 @@ private:
     std::unique_ptr<DesktopServices> desktopServices_;
     std::shared_ptr<MainThreadHandoff> handoff_;
     std::unique_ptr<URLIntake> urlIntake_;
+    // Refused handoff peers ask for a scan for stale helpers; it outlives the server.
+    std::unique_ptr<engine::StaleScanScheduler> staleScans_;
     std::unique_ptr<IntakeHandoffServer> handoffServer_;
 };
 
