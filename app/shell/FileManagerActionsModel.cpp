@@ -46,6 +46,7 @@ void FileManagerActionsModel::start(Operation operation) {
         switch (operation) {
             case Operation::status: break;
             case Operation::repair:
+                (void)registrar.noteAppVersion(TESSARIN_VERSION);
                 outcome = registrar.repair();
                 engine::endStaleActionProcesses(paths.helper);
                 break;

@@ -27,10 +27,15 @@ std::string shellQuoted(std::string_view text) {
     return quoted + "'";
 }
 
-// An argument of a desktop entry's Exec key: quoted when it holds a reserved character, with
-// `"`, `` ` ``, `$` and `\` escaped inside the quotes; then `\` doubled again, since the value is
-// a string of the file format.
-std::string execArgument(std::string_view text) {
+// An argument of a desktop entry's Exec key: "%" written "%%" (a literal percent, not a field
+// code); quoted when it holds a reserved character, with `"`, `` ` ``, `$` and `\` escaped inside
+// the quotes; then `\` doubled again, since the value is a string of the file format.
+std::string execArgument(std::string_view raw) {
+    std::string percents;
+    for (const char c : raw) {
+        percents += c == '%' ? std::string("%%") : std::string(1, c);
+    }
+    const std::string_view text = percents;
     constexpr std::string_view kReserved = " \t\n\"'\\><~|&;$*?#()`%";
     std::string argument;
     if (text.find_first_of(kReserved) == std::string_view::npos) {
@@ -67,20 +72,33 @@ std::optional<std::string> firstExecArgument(std::string_view value) {
     if (unescaped.empty()) {
         return std::nullopt;
     }
-    if (unescaped.front() != '"') {
-        return unescaped.substr(0, unescaped.find(' '));
-    }
     std::string word;
-    for (std::size_t i = 1; i < unescaped.size(); ++i) {
-        if (unescaped[i] == '\\' && i + 1 < unescaped.size()) {
-            word += unescaped[++i];
-        } else if (unescaped[i] == '"') {
-            return word;
-        } else {
-            word += unescaped[i];
+    if (unescaped.front() != '"') {
+        word = unescaped.substr(0, unescaped.find(' '));
+    } else {
+        bool closed = false;
+        for (std::size_t i = 1; i < unescaped.size() && !closed; ++i) {
+            if (unescaped[i] == '\\' && i + 1 < unescaped.size()) {
+                word += unescaped[++i];
+            } else if (unescaped[i] == '"') {
+                closed = true;
+            } else {
+                word += unescaped[i];
+            }
+        }
+        if (!closed) {
+            return std::nullopt;
         }
     }
-    return std::nullopt;
+    // "%%" is a literal percent.
+    std::string plain;
+    for (std::size_t i = 0; i < word.size(); ++i) {
+        plain += word[i];
+        if (word[i] == '%' && i + 1 < word.size() && word[i + 1] == '%') {
+            ++i;
+        }
+    }
+    return plain;
 }
 
 // The word of a shell line `exec 'helper' …` as written by shellQuoted.

@@ -307,3 +307,24 @@ ActionChangeOutcome ActionRegistrar::remove() {
 }
 
 }  // namespace tessarin::engine
+
+namespace tessarin::engine {
+
+bool ActionRegistrar::noteAppVersion(std::string_view version) {
+    const std::lock_guard lock(registrarGate());
+    settings_.reload();
+    const std::string old = settings_.stringValue(kLastRunVersionKey).value_or("none");
+    kLog.notice(fmt::format("app version {} → {}", old, version));
+    if (old == version) {
+        return false;
+    }
+    kLog.notice("app version changed — running full repair");
+    try {
+        settings_.setString(kLastRunVersionKey, version);
+    } catch (const std::exception&) {
+        kLog.error("failed to persist lastRunAppVersion");
+    }
+    return true;
+}
+
+}  // namespace tessarin::engine

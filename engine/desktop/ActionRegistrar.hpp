@@ -89,6 +89,7 @@ struct ActionChangeOutcome {
 class ActionRegistrar {
 public:
     static constexpr std::string_view kSeededKey = "quickActionSeededGrants";
+    static constexpr std::string_view kLastRunVersionKey = "lastRunAppVersion";
 
     struct Paths {
         std::filesystem::path dataHome;  // $XDG_DATA_HOME
@@ -105,6 +106,9 @@ public:
     ActionChangeOutcome repair();
     // Removes the files that are ours (a replaced install's too) and forgets them.
     ActionChangeOutcome remove();
+    // Compares `version` with the setting `lastRunAppVersion` and stores it; logs "app version
+    // {old} → {new}" and, when it changed, that a full repair runs. True when it changed.
+    bool noteAppVersion(std::string_view version);
 
     [[nodiscard]] const Paths& paths() const { return paths_; }
 

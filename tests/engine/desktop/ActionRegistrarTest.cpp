@@ -80,7 +80,7 @@ protected:
 
     test::TempDir folder;
     fs::path dataHome = folder / "data";
-    fs::path helper = folder / "Tes'sarin \"app\" $1" / "tessarin-action";
+    fs::path helper = folder / "Tes'sarin \"app\" $1 100%" / "tessarin-action";
     SettingsStore settings{folder / "config" / "settings.json"};
 };
 
@@ -123,6 +123,12 @@ TEST_F(ActionRegistrarTest, InstallStatusRepairAndRemoveInAPrivateDataHome) {
     EXPECT_EQ(fileStatus("av1", FileManager::nemo).state, ActionFileState::disabled);
     EXPECT_EQ(registrar().install().written, 1);
     EXPECT_EQ(states(), std::vector<ActionFileState>(24, ActionFileState::active));
+
+    // The version of the last run is remembered; only a new one counts as a change.
+    EXPECT_TRUE(registrar().noteAppVersion("1.0"));
+    EXPECT_FALSE(registrar().noteAppVersion("1.0"));
+    EXPECT_TRUE(registrar().noteAppVersion("1.1"));
+    EXPECT_EQ(settings.stringValue("lastRunAppVersion"), "1.1");
 
     EXPECT_EQ(registrar().remove().removed, 24);
     EXPECT_EQ(states(), std::vector<ActionFileState>(24, ActionFileState::notRegistered));
