@@ -140,4 +140,46 @@ struct SilenceRequest {
 // and with --write-clip-list a new clip list file of them.
 int runSilence(const SilenceRequest& request);
 
+struct ActionsRequest {
+    std::string verb = "status";  // status, install, repair, remove
+    bool json = false;
+};
+
+// `tessarin actions status|install|repair|remove`: the file-manager actions of this copy.
+int runActions(const ActionsRequest& request);
+
+// `tessarin report`: the plain-text support report (no paths, names or keys) on stdout; with
+// --json one "done" event carrying it under "report".
+int runReport(bool json);
+
+struct CliToolRequest {
+    std::string verb = "status";  // status, install, install-all-users
+    bool json = false;
+};
+
+// `tessarin cli-tool status|install|install-all-users`: a link to this program in ~/.local/bin
+// (with the ~/.profile lines when that isn't on PATH), or in /usr/local/bin through pkexec.
+int runCliTool(const CliToolRequest& request);
+
+struct UpdatesRequest {
+    std::string verb = "check";            // check, auto
+    std::optional<std::string> automatic;  // auto: "on" or "off"; absent shows the setting
+    bool json = false;
+};
+
+// `tessarin updates check|auto [on|off]`: whether the release feed lists a newer version, and
+// the setting "Automatically check for updates".
+int runUpdates(const UpdatesRequest& request);
+
+struct SharesRequest {
+    std::string verb = "list";  // list, mount
+    double seconds = 3.0;       // list: how long to browse
+    std::string host;           // mount: a host name such as nas.local
+    bool json = false;
+};
+
+// `tessarin shares list|mount HOST`: SMB hosts on the local network (Avahi), and mounting one
+// with `gio mount smb://HOST/`.
+int runShares(const SharesRequest& request);
+
 }  // namespace tessarin::cli

@@ -187,6 +187,67 @@ int main(int argc, char** argv) {
     silenceCommand->add_flag("--json", silence.json, "One JSON object per event on stdout");
     silenceCommand->add_option("FILE", silence.file, "The video to scan")->required();
 
+    ActionsRequest actions;
+    CLI::App* actionsCommand = app.add_subcommand(
+        "actions", "The file-manager actions (Nautilus, Dolphin, Nemo): status, install, repair, "
+                   "remove");
+    actionsCommand->require_subcommand(1);
+    for (const char* verb : {"status", "install", "repair", "remove"}) {
+        CLI::App* sub = actionsCommand->add_subcommand(
+            verb, std::string(verb) == "status"    ? "Show each action file's state"
+                  : std::string(verb) == "install" ? "Write every action file, also ones you removed"
+                  : std::string(verb) == "repair"  ? "Restore edited or missing files you didn't remove"
+                                                   : "Remove the action files Tessarin wrote");
+        sub->add_flag("--json", actions.json, "One JSON object per event on stdout");
+        sub->callback([&actions, verb] { actions.verb = verb; });
+    }
+
+    bool reportJson = false;
+    CLI::App* reportCommand = app.add_subcommand(
+        "report", "Print the support report: versions, actions, settings, recent errors and log "
+                  "(no paths, file names or keys)");
+    reportCommand->add_flag("--json", reportJson, "One JSON object with the report on stdout");
+
+    CliToolRequest cliTool;
+    CLI::App* cliToolCommand = app.add_subcommand(
+        "cli-tool", "Put this tessarin on your PATH: status, install (~/.local/bin), "
+                    "install-all-users (/usr/local/bin, asks for an administrator)");
+    cliToolCommand->require_subcommand(1);
+    for (const char* verb : {"status", "install", "install-all-users"}) {
+        CLI::App* sub = cliToolCommand->add_subcommand(
+            verb, std::string(verb) == "status"    ? "Show whether ~/.local/bin/tessarin is ours"
+                  : std::string(verb) == "install" ? "Link ~/.local/bin/tessarin to this program"
+                                                   : "Link /usr/local/bin/tessarin (pkexec)");
+        sub->add_flag("--json", cliTool.json, "One JSON object per event on stdout");
+        sub->callback([&cliTool, verb] { cliTool.verb = verb; });
+    }
+
+    UpdatesRequest updates;
+    CLI::App* updatesCommand = app.add_subcommand(
+        "updates", "Check the release feed for a newer version, or set automatic checks");
+    updatesCommand->require_subcommand(1);
+    CLI::App* checkUpdates = updatesCommand->add_subcommand("check", "Check for updates now");
+    checkUpdates->add_flag("--json", updates.json, "One JSON object per event on stdout");
+    CLI::App* autoUpdates = updatesCommand->add_subcommand(
+        "auto", "Show or set \"Automatically check for updates\" (off by default)");
+    autoUpdates->add_option("STATE", updates.automatic, "on or off")
+        ->check(CLI::IsMember({"on", "off"}));
+    autoUpdates->add_flag("--json", updates.json, "One JSON object on stdout");
+    autoUpdates->callback([&updates] { updates.verb = "auto"; });
+
+    SharesRequest shares;
+    CLI::App* sharesCommand = app.add_subcommand(
+        "shares", "SMB shares on the local network: list them, or mount one for --output-dir");
+    sharesCommand->require_subcommand(1);
+    CLI::App* listShares = sharesCommand->add_subcommand("list", "Browse the network for SMB hosts");
+    listShares->add_option("--seconds", shares.seconds, "How long to browse (default 3)")
+        ->check(CLI::Range(0.1, 60.0));
+    listShares->add_flag("--json", shares.json, "One JSON object per event on stdout");
+    CLI::App* mountShare = sharesCommand->add_subcommand("mount", "Mount smb://HOST/ with gio");
+    mountShare->add_option("HOST", shares.host, "A host name ending in .local")->required();
+    mountShare->add_flag("--json", shares.json, "One JSON object per event on stdout");
+    mountShare->callback([&shares] { shares.verb = "mount"; });
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -233,6 +294,21 @@ int main(int argc, char** argv) {
     }
     if (*recordCommand) {
         return runRecord(record);
+    }
+    if (*sharesCommand) {
+        return runShares(shares);
+    }
+    if (*updatesCommand) {
+        return runUpdates(updates);
+    }
+    if (*cliToolCommand) {
+        return runCliTool(cliTool);
+    }
+    if (*reportCommand) {
+        return runReport(reportJson);
+    }
+    if (*actionsCommand) {
+        return runActions(actions);
     }
     if (*silenceCommand) {
         return runSilence(silence);

@@ -1,21 +1,27 @@
 #include "gui/MainWindow.hpp"
 
 #include <QApplication>
+#include <QClipboard>
 #include <QCloseEvent>
 #include <QDesktopServices>
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QShortcut>
 #include <QStandardPaths>
+#include <QStatusBar>
+#include <QTabWidget>
+#include <QToolButton>
 #include <QVBoxLayout>
 
 #include "app/destinations/OutputDestinationTexts.hpp"
 #include "gui/ActionChips.hpp"
 #include "gui/ConsentSheet.hpp"
+#include "gui/DesktopPage.hpp"
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
 #include "gui/NoticeBanner.hpp"
@@ -65,9 +71,42 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     record_->setToolTip(tr("Record a display, a window or an area (Ctrl+Shift+R)"));
     record_->setEnabled(app_.recordingSession().available());
     connect(record_, &QPushButton::clicked, this, &MainWindow::showRecordScreen);
+    auto* more = new QToolButton(central);
+    more->setObjectName("desktopMenuButton");
+    more->setText(tr("More"));
+    more->setPopupMode(QToolButton::InstantPopup);
+    desktopMenu_ = new QMenu(more);
+    desktopMenu_->addAction(tr("File-Manager Actions…"), this, &MainWindow::showDesktopSettings);
+    desktopMenu_->addAction(tr("Install Command-Line Tool…"), this,
+                            &MainWindow::showDesktopSettings);
+    desktopMenu_->addAction(tr("Copy Support Report"), this, [this] {
+        statusBar()->showMessage(tr(app::DesktopServices::kCollecting));
+        app_.desktopServices().buildReport();
+    });
+    desktopMenu_->addAction(tr("Check for Updates…"), this, [this] {
+        statusBar()->showMessage(tr("Checking for updates…"));
+        app_.desktopServices().checkForUpdates();
+    });
+    more->setMenu(desktopMenu_);
+    connect(&app_.desktopServices(), &app::DesktopServices::reportReady, this,
+            [this](const QString& report) {
+                QApplication::clipboard()->setText(report);
+                statusBar()->showMessage(tr(app::DesktopServices::kCopied), 4000);
+            });
+    connect(&app_.desktopServices(), &app::DesktopServices::updateChecked, this,
+            [this](const QString& text, const QString& url) {
+                statusBar()->showMessage(url.isEmpty() ? text : text + QStringLiteral(" ") + url);
+            });
+    connect(&app_.fileManagerActions(), &app::FileManagerActionsModel::changed, this, [this] {
+        const QString health = app_.fileManagerActions().healthText();
+        if (!health.isEmpty() && !app_.fileManagerActions().busy()) {
+            statusBar()->showMessage(health);
+        }
+    });
     header->addWidget(title);
     header->addStretch();
     header->addWidget(record_);
+    header->addWidget(more);
     header->addWidget(settings_);
     layout->addLayout(header);
 
@@ -426,6 +465,12 @@ void MainWindow::showRecordScreen() {
         recordingToolbar_->raise();
     });
     recordDialog_->open();
+}
+
+SettingsWindow* MainWindow::showDesktopSettings() {
+    SettingsWindow* window = showSettings();
+    window->tabs()->setCurrentWidget(window->desktop());
+    return window;
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {

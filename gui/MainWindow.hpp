@@ -43,6 +43,12 @@ public:
     void dropURLs(const QList<QUrl>& urls);
     // Opens (or raises) the settings window.
     SettingsWindow* showSettings();
+    // The settings window on its Desktop tab (file-manager actions, command-line tool, updates,
+    // support report).
+    SettingsWindow* showDesktopSettings();
+    // The header's menu: "File-Manager Actions…", "Install Command-Line Tool…",
+    // "Copy Support Report", "Check for Updates…".
+    [[nodiscard]] QMenu* desktopMenu() const { return desktopMenu_; }
 
     [[nodiscard]] ActionChips* chips() const { return chips_; }
     [[nodiscard]] QueueList* queueList() const { return queueList_; }
@@ -95,6 +101,7 @@ private:
     QPushButton* convert_ = nullptr;
     QPushButton* clearFinished_ = nullptr;
     QPushButton* settings_ = nullptr;
+    QMenu* desktopMenu_ = nullptr;
     QPointer<QMessageBox> pendingDialog_;
     QPointer<FastCutReviewDialog> fastCutDialog_;
     QPointer<TrimEditorDialog> trimEditor_;

@@ -7,6 +7,7 @@
 
 #include "app/shell/TessarinApp.hpp"
 #include "gui/AboutPage.hpp"
+#include "gui/DesktopPage.hpp"
 #include "gui/GeneralSettingsPage.hpp"
 #include "gui/PresetsPage.hpp"
 #include "gui/TranscriptionSettingsPage.hpp"
@@ -19,6 +20,7 @@ SettingsWindow::SettingsWindow(app::TessarinApp& app, QWidget* parent)
       tabs_(new QTabWidget(this)),
       general_(new GeneralSettingsPage(app, tabs_)),
       presets_(new PresetsPage(app.presetStore(), tabs_)),
+      desktop_(new DesktopPage(app, tabs_)),
       about_(new AboutPage(app, tabs_)) {
     setObjectName("settingsWindow");
     setWindowTitle(tr("Tessarin Settings"));
@@ -28,6 +30,7 @@ SettingsWindow::SettingsWindow(app::TessarinApp& app, QWidget* parent)
         transcription_ = new TranscriptionSettingsPage(*model, app.settings(), tabs_);
         tabs_->addTab(transcription_, tr("Transcription"));
     }
+    tabs_->addTab(desktop_, tr("Desktop"));
     tabs_->addTab(about_, tr("About"));
     tabs_->setDocumentMode(true);
     auto* layout = new QVBoxLayout(this);

@@ -1,4 +1,4 @@
-// The settings window: General, Presets, Transcription (when set up) and About tabs.
+// The settings window: General, Presets, Transcription (when set up), Desktop and About tabs.
 #pragma once
 
 #include <QWidget>
@@ -12,6 +12,7 @@ class TessarinApp;
 namespace tessarin::gui {
 
 class AboutPage;
+class DesktopPage;
 class GeneralSettingsPage;
 class PresetsPage;
 class TranscriptionSettingsPage;
@@ -26,6 +27,7 @@ public:
     [[nodiscard]] QTabWidget* tabs() const { return tabs_; }
     [[nodiscard]] GeneralSettingsPage* general() const { return general_; }
     [[nodiscard]] PresetsPage* presets() const { return presets_; }
+    [[nodiscard]] DesktopPage* desktop() const { return desktop_; }
     [[nodiscard]] AboutPage* about() const { return about_; }
     // Null when the application has no transcription settings.
     [[nodiscard]] TranscriptionSettingsPage* transcription() const { return transcription_; }
@@ -34,6 +36,7 @@ private:
     QTabWidget* tabs_;
     GeneralSettingsPage* general_;
     PresetsPage* presets_;
+    DesktopPage* desktop_;
     AboutPage* about_;
     TranscriptionSettingsPage* transcription_ = nullptr;
 };

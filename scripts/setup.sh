@@ -33,6 +33,8 @@ packages=(
   gstreamer1.0-pipewire gstreamer1.0-x libx11-dev libxrandr-dev
   # recording tests and benchmark: a private sound server, X tools, gst-launch
   pulseaudio pulseaudio-utils x11-utils xdotool gstreamer1.0-tools
+  # the desktop around it: SMB hosts through Avahi, update feeds as XML, the .deb and its checks
+  libavahi-client-dev avahi-utils libxml2-dev desktop-file-utils lintian dpkg-dev appstream
 )
 
 missing=()

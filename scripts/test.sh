@@ -26,4 +26,12 @@ setarch "$(uname -m)" -R ctest --test-dir "$root/build/tsan" -L concurrency -j2 
 echo "== fuzz targets (5 s each, from the ASan tree)"
 "$root/scripts/fuzz.sh" 5 "$root/build/asan"
 
+# The package is built by scripts/package.sh, not here (it needs a release tree); when one was
+# built, its unpacked copy is checked (a few seconds).
+deb="$(ls "$root"/build/release/package/tessarin_*.deb 2>/dev/null | head -1 || true)"
+if [[ -n "$deb" ]]; then
+  echo "== package (dpkg -x into a scratch root)"
+  "$root/scripts/check-package.sh" "$deb"
+fi
+
 echo "== all tests passed in $((SECONDS - start)) s"

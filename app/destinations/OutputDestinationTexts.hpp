@@ -39,8 +39,8 @@ inline constexpr std::string_view kAskEachTimeChoice = "Ask each time";
 inline constexpr std::string_view kChooseFolderButton = "Choose Folder…";
 inline constexpr std::string_view kOutputSettingsNote =
     "Files from subfolders are saved together in the chosen folder (the folder structure is "
-    "flattened; same-named files get a “-2” suffix). Quick Actions and tessarin:// links follow "
-    "this setting; “Ask each time” applies to window drops only.";
+    "flattened; same-named files get a “-2” suffix). File-manager actions and tessarin:// links "
+    "follow this setting; “Ask each time” applies to window drops only.";
 inline constexpr std::string_view kNoFolderChosenSentence =
     "No folder chosen — pick one, or conversions will fail.";
 inline constexpr std::string_view kFolderMissingSentence =

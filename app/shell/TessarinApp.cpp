@@ -8,7 +8,10 @@
 
 #include "app/shell/DesktopNotifier.hpp"
 #include "app/support/MainThreadHandoff.hpp"
+#include "engine/desktop/DesktopPaths.hpp"
+#include "engine/desktop/StaleActionProcesses.hpp"
 #include "engine/encoders/ExternalSoftwareHEVCValidator.hpp"
+#include "engine/intake/HelperActions.hpp"
 #include "engine/log/Log.hpp"
 #include "engine/publish/PrivateFolders.hpp"
 #include "engine/transcription/CurlOpenRouterTransport.hpp"
@@ -118,6 +121,11 @@ TessarinApp::Environment TessarinApp::Environment::standard() {
     environment.handoffFolder = IntakeHandoffServer::standardFolder();
     environment.transcriptionKeyStore = std::make_shared<engine::KeychainOpenRouterKeyStore>();
     environment.helperFolder = runningHelperFolder();
+    try {
+        environment.actionsDataHome = engine::dataHome();
+    } catch (const std::exception&) {
+        appLog().error("event=\"no data home\"");
+    }
     environment.probeHardware = [](const engine::Tools& tools) {
         return engine::HardwareEncoderProbe{}.probe(tools.ffmpeg);
     };
@@ -145,6 +153,27 @@ TessarinApp::TessarinApp(Environment environment, QObject* parent)
     outputDestination_ = std::make_unique<OutputDestination>(settings_);
     framesSettings_ = std::make_unique<FramesSettings>(settings_);
     notifier_ = std::make_unique<DesktopNotifier>();
+    {
+        std::filesystem::path home;
+        try {
+            home = environment_.home.value_or(engine::homeFolder());
+        } catch (const std::exception&) {
+        }
+        const std::filesystem::path dataHome =
+            environment_.actionsDataHome.value_or(home / ".local" / "share");
+        const std::filesystem::path helper =
+            environment_.helperFolder / std::string(engine::kActionHelperName);
+        fileManagerActions_ =
+            std::make_unique<FileManagerActionsModel>(settings_, helper, dataHome);
+        std::error_code error;
+        const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
+        desktopServices_ = std::make_unique<DesktopServices>(
+            settings_,
+            DesktopServices::Paths{
+                program,
+                (environment_.helperFolder / ".." / ".." / "bin" / "tessarin").lexically_normal(),
+                environment_.helperFolder, dataHome, home, engine::currentLogFilePath()});
+    }
     queue_ = std::make_unique<QueueModel>(tools_);
     recordingRecovery_ = std::make_unique<RecordingRecoveryModel>(
         settings_, environment_.recordingRoot.value_or(std::filesystem::path()), tools_);
@@ -254,7 +283,10 @@ void TessarinApp::launch() {
     outputDestination_->refreshBookmark();
     if (environment_.startQuickActionRegistrar) {
         environment_.startQuickActionRegistrar();
+    } else if (environment_.actionsDataHome) {
+        fileManagerActions_->run();
     }
+    desktopServices_->launch();
     if (!tools_) {
         appLog().error("event=\"engine tools unavailable\"");
         return;
@@ -300,6 +332,11 @@ bool TessarinApp::startHandoffServer() {
         engine::IntakeValidationAdmissionController::process().authenticatedHandoffGate);
     server->peerAuthenticator = [helper = installedActionHelper(environment_.helperFolder)](
                                     int socket) { return authenticatePeer(socket, helper); };
+    const std::filesystem::path helper =
+        environment_.helperFolder / std::string(engine::kActionHelperName);
+    staleScans_ = std::make_unique<engine::StaleScanScheduler>(
+        [helper] { engine::endStaleActionProcesses(helper); }, std::chrono::seconds(2));
+    server->rejectedPeer = [scans = staleScans_.get()] { scans->request(); };
     server->delivery = [handoff = handoff_, this](IntakeHandoffDelivery delivery) {
         auto shared = std::make_shared<IntakeHandoffDelivery>(std::move(delivery));
         handoff->post([this, shared] { urlIntake_->deliver(std::move(*shared)); });

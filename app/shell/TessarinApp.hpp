@@ -31,7 +31,10 @@
 #include "app/recording/RecordingSessionModel.hpp"
 #include "app/settings/FramesSettings.hpp"
 #include "app/settings/PresetStore.hpp"
+#include "app/shell/DesktopServices.hpp"
+#include "app/shell/FileManagerActionsModel.hpp"
 #include "app/transcription/TranscriptionSettingsModel.hpp"
+#include "engine/desktop/StaleScanScheduler.hpp"
 #include "engine/encoders/HardwareEncoderProbe.hpp"
 #include "engine/process/Tools.hpp"
 #include "engine/settings/SettingsStore.hpp"
@@ -93,6 +96,12 @@ public:
         // Where the OpenRouter API key is kept. Empty: transcription is not set up (its chip
         // stays disabled and no transcription settings exist).
         std::shared_ptr<engine::OpenRouterKeyStoring> transcriptionKeyStore;
+        // The folder of the file-manager actions ($XDG_DATA_HOME). Without one the registrar
+        // doesn't run at launch (its model still answers the window).
+        std::optional<std::filesystem::path> actionsDataHome;
+        // The home folder whose ~/.local/bin and ~/.profile the command-line tool installer
+        // uses. Without one, the account's.
+        std::optional<std::filesystem::path> home;
 
         // The standard settings file, the helper folder's tools, the real hardware probe.
         [[nodiscard]] static Environment standard();
@@ -120,6 +129,8 @@ public:
     // The transcription settings; null when the environment gave no key store.
     [[nodiscard]] TranscriptionSettingsModel* transcription() { return transcription_.get(); }
     [[nodiscard]] RecordingSessionModel& recordingSession() { return *recordingSession_; }
+    [[nodiscard]] FileManagerActionsModel& fileManagerActions() { return *fileManagerActions_; }
+    [[nodiscard]] DesktopServices& desktopServices() { return *desktopServices_; }
     [[nodiscard]] const std::optional<engine::Tools>& tools() const { return tools_; }
     [[nodiscard]] const engine::HardwareEncoderSupport& hardwareEncoders() const {
         return hardware_;
@@ -177,8 +188,12 @@ private:
     std::unique_ptr<RecordingRecoveryModel> recordingRecovery_;
     std::unique_ptr<RecordingSessionModel> recordingSession_;
     std::unique_ptr<DesktopNotifier> notifier_;
+    std::unique_ptr<FileManagerActionsModel> fileManagerActions_;
+    std::unique_ptr<DesktopServices> desktopServices_;
     std::shared_ptr<MainThreadHandoff> handoff_;
     std::unique_ptr<URLIntake> urlIntake_;
+    // Refused handoff peers ask for a scan for stale helpers; it outlives the server.
+    std::unique_ptr<engine::StaleScanScheduler> staleScans_;
     std::unique_ptr<IntakeHandoffServer> handoffServer_;
 };
 

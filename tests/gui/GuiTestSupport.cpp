@@ -26,6 +26,10 @@ std::unique_ptr<app::TessarinApp> makeApp(const ConfigHome& home, bool withTools
     environment.isApplicationActive = [] { return true; };
     environment.postNotification = [](const std::string&, const std::string&) {};
     environment.recordingRoot = recordingRoot;
+    // File-manager actions are set up at launch: in the private folder, for this build's helper.
+    environment.actionsDataHome = home.standardFile().parent_path().parent_path() / "data";
+    environment.helperFolder = TESSARIN_HELPER_DIR;
+    environment.home = home.standardFile().parent_path().parent_path() / "home";
     auto core = std::make_unique<app::TessarinApp>(std::move(environment));
     core->launch();
     return core;

@@ -51,6 +51,8 @@ TEST(HandoffWindow, TheHelperHandsTwoFilesToTheRunningWindowAndBothRowsStart) {
         {"XDG_RUNTIME_DIR", runtime.string()},
         {"XDG_CONFIG_HOME", (dir / "config").string()},
         {"XDG_STATE_HOME", (dir / "state").string()},
+        // The window sets up file-manager actions at launch: in a private folder.
+        {"XDG_DATA_HOME", (dir / "data").string()},
         // Never fall back on starting another window: the handoff itself must succeed.
         {"TESSARIN_GUI", "/bin/false"},
     };

@@ -10,6 +10,7 @@
 #include <QLabel>
 #include <QLayout>
 #include <QListWidget>
+#include <QMenu>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSpinBox>
@@ -17,6 +18,7 @@
 #include <QTest>
 
 #include "gui/AboutPage.hpp"
+#include "gui/DesktopPage.hpp"
 #include "gui/GeneralSettingsPage.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/PresetEditor.hpp"
@@ -202,6 +204,37 @@ TEST_F(SettingsWindowTest, AboutShowsTheHelperToolVersions) {
     EXPECT_TRUE(about->gifsicleVersion().startsWith("LCDF Gifsicle "))
         << about->gifsicleVersion().toStdString();
     test::screenshotAtBothScales(settings_, "settings-about");
+}
+
+}  // namespace
+}  // namespace tessarin::gui
+
+namespace tessarin::gui {
+namespace {
+
+// The Desktop tab lists each file-manager action as launch set it up in the private data folder,
+// and the main window's menu reaches it.
+TEST_F(SettingsWindowTest, TheDesktopTabShowsTheFileManagerActions) {
+    settings_->tabs()->setCurrentWidget(settings_->desktop());
+    DesktopPage* page = settings_->desktop();
+    ASSERT_TRUE(waitUntil(
+        [&] {
+            return page->actionRows()->text().count(
+                       "Active in the file manager (Nautilus, Dolphin, Nemo)") == 8;
+        },
+        std::chrono::seconds(20)))
+        << page->actionRows()->text().toStdString();
+    EXPECT_TRUE(page->actionHealth()->text().isEmpty());
+    EXPECT_FALSE(page->automaticUpdates()->isChecked());
+    EXPECT_TRUE(page->cliStatus()->text().startsWith("Puts the Tessarin command on your PATH"))
+        << page->cliStatus()->text().toStdString();
+    QStringList entries;
+    for (QAction* action : window_->desktopMenu()->actions()) {
+        entries << action->text();
+    }
+    EXPECT_EQ(entries, (QStringList{"File-Manager Actions…", "Install Command-Line Tool…",
+                                    "Copy Support Report", "Check for Updates…"}));
+    test::screenshotAtBothScales(settings_, "settings-desktop");
 }
 
 }  // namespace
