@@ -19,7 +19,9 @@
 #include "app/destinations/OutputAvailabilityModel.hpp"
 #include "app/destinations/OutputDestinationTexts.hpp"
 #include "app/settings/FramesSettings.hpp"
+#include "app/shell/RemoteSharesModel.hpp"
 #include "app/shell/TessarinApp.hpp"
+#include "gui/RemoteSharesDialog.hpp"
 #include "gui/UIScale.hpp"
 
 namespace tessarin::gui {
@@ -86,6 +88,14 @@ GeneralSettingsPage::GeneralSettingsPage(app::TessarinApp& app, QWidget* parent)
     folderRow->addWidget(chooseFolder_);
     folderRow->addWidget(path_, 1);
     outputLayout->addLayout(folderRow);
+    auto* remoteRow = new QHBoxLayout;
+    auto* remote = new QPushButton(tr("Save to Another Computer…"), output);
+    remote->setObjectName("saveToAnotherComputer");
+    remoteRow->addSpacing(24);
+    remoteRow->addWidget(remote);
+    remoteRow->addStretch();
+    outputLayout->addLayout(remoteRow);
+    connect(remote, &QPushButton::clicked, this, [this] { openRemoteShares(); });
     status_->setObjectName("outputFolderStatus");
     status_->setWordWrap(true);
     outputLayout->addWidget(status_);
@@ -221,6 +231,21 @@ void GeneralSettingsPage::showFrames() {
     framesMaxSize_->setValue(static_cast<int>(frames.maxSize()));
     framesFormat_->setCurrentIndex(framesFormat_->findData(static_cast<int>(frames.format())));
     contactSheets_->setChecked(frames.contactSheet());
+}
+
+RemoteSharesDialog* GeneralSettingsPage::openRemoteShares(app::RemoteSharesModel* model) {
+    auto* dialog = new RemoteSharesDialog(this, model);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    // The mounted share is handed to the folder panel, opened where gvfs shows mounted shares.
+    connect(dialog, &RemoteSharesDialog::shareMounted, this, [this] {
+        const QString folder = QFileDialog::getExistingDirectory(
+            this, qs(app::kChooseOutputFolderMessage), app::RemoteSharesModel::mountedSharesFolder());
+        if (!folder.isEmpty()) {
+            chooseFolder(folder);
+        }
+    });
+    dialog->open();
+    return dialog;
 }
 
 void GeneralSettingsPage::chooseFolder(const QString& folder) {

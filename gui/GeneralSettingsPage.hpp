@@ -1,5 +1,5 @@
-// Settings ▸ General: where converted files go (with the chosen folder's availability), the
-// Frames action's choices and the interface scale.
+// Settings ▸ General: where converted files go (with the chosen folder's availability, or a
+// share on another computer), the Frames action's choices and the interface scale.
 #pragma once
 
 #include <QWidget>
@@ -14,10 +14,13 @@ class QSpinBox;
 
 namespace tessarin::app {
 class OutputAvailabilityModel;
+class RemoteSharesModel;
 class TessarinApp;
 }  // namespace tessarin::app
 
 namespace tessarin::gui {
+
+class RemoteSharesDialog;
 
 class GeneralSettingsPage : public QWidget {
     Q_OBJECT
@@ -34,6 +37,9 @@ public:
     [[nodiscard]] QCheckBox* contactSheetsField() const { return contactSheets_; }
     // Stores `folder` as the custom output folder, as the folder panel's answer does.
     void chooseFolder(const QString& folder);
+    // "Save to another computer", over `model` (Avahi and gio when null); the share mounted
+    // there is offered to the folder panel.
+    RemoteSharesDialog* openRemoteShares(app::RemoteSharesModel* model = nullptr);
 
 private:
     [[nodiscard]] QWidget* makeFramesGroup();

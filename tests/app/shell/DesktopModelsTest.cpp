@@ -2,9 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <QSignalSpy>
+#include <thread>
 
 #include "app/shell/DesktopServices.hpp"
 #include "app/shell/FileManagerActionsModel.hpp"
+#include "app/shell/RemoteSharesModel.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
 #include "tests/support/Files.hpp"
 #include "tests/support/LoopbackHttpsServer.hpp"
@@ -91,6 +93,93 @@ TEST_F(DesktopModelsTest, AutomaticUpdateChecksAreOffUntilTurnedOn) {
     EXPECT_TRUE(text.starts_with("Tessarin Diagnostics\n")) << text;
     EXPECT_NE(text.find("Update auto-check: on"), std::string::npos) << text;
     EXPECT_EQ(text.find(dir.path().string()), std::string::npos) << text;
+}
+
+// The network as the browser sees it: a fixed list, reported from a thread of its own.
+class ListedHosts final : public engine::SMBBrowsing {
+public:
+    explicit ListedHosts(std::vector<engine::DiscoveredHost> hosts) : hosts_(std::move(hosts)) {}
+    ~ListedHosts() override { stop(); }
+    void start(std::function<void(std::vector<engine::DiscoveredHost>)> onChange,
+               std::function<void(std::string)>) override {
+        thread_ = std::thread([this, onChange = std::move(onChange)] { onChange(hosts_); });
+    }
+    void stop() override {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+private:
+    std::vector<engine::DiscoveredHost> hosts_;
+    std::thread thread_;
+};
+
+// Mounting goes through a `gio` script; its answer decides what the window shows.
+TEST_F(DesktopModelsTest, SharesAreListedMountedAndTheirFailuresWorded) {
+    const fs::path gio = dir / "gio";
+    test::writeFile(gio,
+                    "#!/bin/sh\ncase \"$2\" in\n"
+                    "  smb://nas.local/) exit 0 ;;\n"
+                    "  smb://locked.local/) echo 'gio: Permission denied' >&2; exit 2 ;;\n"
+                    "  *) sleep 30 ;;\n"
+                    "esac\n",
+                    0755);
+    const std::vector<engine::DiscoveredHost> network = {
+        {"Locked", "local", 2, "locked.local."}, {"NAS", "local", 2, "nas.local."},
+        {"Slow", "local", 2, "slow.local."}};
+    {
+        RemoteSharesModel model(std::make_unique<ListedHosts>(network),
+                                engine::makeGioMounter(gio));
+        QSignalSpy changed(&model, &RemoteSharesModel::changed);
+        QSignalSpy mounted(&model, &RemoteSharesModel::mounted);
+        model.start();
+        ASSERT_TRUE(changed.wait(10000));
+        ASSERT_EQ(model.hosts(), network);
+
+        model.pick(network[1]);
+        EXPECT_TRUE(model.mounting());
+        ASSERT_TRUE(mounted.wait(10000));
+        EXPECT_EQ(mounted.at(0).at(0).toString(), "smb://nas.local/");
+        EXPECT_TRUE(model.error().isEmpty());
+
+        model.pick(network[0]);
+        while (model.mounting()) {
+            ASSERT_TRUE(changed.wait(10000));
+        }
+        EXPECT_EQ(model.error().toStdString(),
+                  "Sign-in was declined. Check the account and password.");
+        EXPECT_EQ(mounted.size(), 1);
+    }
+    {
+        // Closing the dialog during a mount cancels it; its late end changes nothing.
+        RemoteSharesModel model(std::make_unique<ListedHosts>(network),
+                                engine::makeGioMounter(gio));
+        QSignalSpy changed(&model, &RemoteSharesModel::changed);
+        QSignalSpy mounted(&model, &RemoteSharesModel::mounted);
+        model.start();
+        ASSERT_TRUE(changed.wait(10000));
+        model.pick(network[2]);
+        const int changesBefore = changed.size();
+        const auto started = std::chrono::steady_clock::now();
+        model.stop();
+        while (model.mounting()) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+            ASSERT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+        }
+        EXPECT_EQ(changed.size(), changesBefore);
+        EXPECT_TRUE(model.error().isEmpty());
+        EXPECT_EQ(mounted.size(), 0);
+    }
+    {
+        // No avahi-daemon runs here: the real browser says so in the window's words.
+        RemoteSharesModel model;
+        QSignalSpy changed(&model, &RemoteSharesModel::changed);
+        model.start();
+        ASSERT_TRUE(changed.wait(10000));
+        EXPECT_EQ(model.error().toStdString(), engine::kBrowseFailed);
+        EXPECT_TRUE(model.hosts().empty());
+    }
 }
 
 }  // namespace
