@@ -26,6 +26,7 @@
 #include "engine/transcription/TranscriptionPipeline.hpp"
 #include "engine/transcription/TranscriptionPreferences.hpp"
 #include "engine/transcription/TranscriptionRoster.hpp"
+#include "engine/transcription/TranscriptWriter.hpp"
 
 namespace tessarin::cli {
 
@@ -34,6 +35,27 @@ namespace {
 namespace fs = std::filesystem;
 using engine::TranscriptionError;
 using Code = TranscriptionError::Code;
+
+// A transcript that couldn't be stored at its destination goes to the temporary folder under its
+// usual name, so that nothing received is lost; when even that fails, the text itself is printed
+// on stderr.
+void keepUnsaved(EventSink& sink, const engine::CompletedTranscriptSaveFailure& unsaved,
+                 const fs::path& source) {
+    try {
+        const fs::path saved = engine::TranscriptWriter::write(
+            unsaved.text, fs::temp_directory_path(), source.stem().string(), unsaved.format);
+        sink.warning("transcriptSavedElsewhere",
+                     fmt::format("{} couldn’t be saved there, so it was saved to {}.",
+                                 unsaved.isPartial ? "The text received before the failure"
+                                                   : "The transcript",
+                                 saved.string()));
+    } catch (const std::exception&) {
+        sink.warning("transcriptNotSaved",
+                     "The transcript couldn’t be saved, not even in the temporary folder; it "
+                     "follows on stderr.");
+        std::cerr << unsaved.text << "\n";
+    }
+}
 
 constexpr const char* kKeyVariable = "OPENROUTER_API_KEY";
 
@@ -207,8 +229,7 @@ int runTranscribe(const TranscribeRequest& request) {
                          "The text received before the failure was saved to " +
                              outcome.transcript->string() + ".");
         } else if (outcome.unsaved) {
-            sink.warning("transcriptNotSaved",
-                         "The transcript was made but couldn’t be saved; nothing was written.");
+            keepUnsaved(sink, *outcome.unsaved, file);
         }
         if (!pipeline.accounting().generationIDs.empty() || pipeline.accounting().estimatedUSD) {
             reportCost(request.json, file, pipeline.accounting());

@@ -85,6 +85,18 @@ DesktopPage::DesktopPage(app::TessarinApp& app, QWidget* parent)
     connect(repair, &QPushButton::clicked, &model, &app::FileManagerActionsModel::run);
     connect(remove, &QPushButton::clicked, &model, &app::FileManagerActionsModel::remove);
     connect(&model, &app::FileManagerActionsModel::changed, this, &DesktopPage::showActions);
+    // The follow-up of "Enable All": nothing restarts a file manager, so the hint says how.
+    connect(&model, &app::FileManagerActionsModel::enableAllFinished, this,
+            [this, &model](bool allActive, const QString& text) {
+                auto* result = new QMessageBox(
+                    allActive ? QMessageBox::Information : QMessageBox::Warning, tr("Enable All"),
+                    text, QMessageBox::Ok, this);
+                result->setObjectName("enableAllResult");
+                result->setInformativeText(allActive ? qs(engine::kActionRestartHint)
+                                                     : model.lastOutcome());
+                result->setAttribute(Qt::WA_DeleteOnClose);
+                result->open();
+            });
 
     auto* cli = new QGroupBox(tr("Command-line tool"), this);
     auto* cliLayout = new QVBoxLayout(cli);

@@ -25,6 +25,7 @@
 #include "gui/DropZone.hpp"
 #include "gui/FastCutReviewDialog.hpp"
 #include "gui/NoticeBanner.hpp"
+#include "gui/WindowNotices.hpp"
 #include "gui/QueueList.hpp"
 #include "gui/QueueRowWidget.hpp"
 #include "gui/RecordScreenDialog.hpp"
@@ -97,12 +98,6 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
             [this](const QString& text, const QString& url) {
                 statusBar()->showMessage(url.isEmpty() ? text : text + QStringLiteral(" ") + url);
             });
-    connect(&app_.fileManagerActions(), &app::FileManagerActionsModel::changed, this, [this] {
-        const QString health = app_.fileManagerActions().healthText();
-        if (!health.isEmpty() && !app_.fileManagerActions().busy()) {
-            statusBar()->showMessage(health);
-        }
-    });
     header->addWidget(title);
     header->addStretch();
     header->addWidget(record_);
@@ -118,6 +113,8 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(&queue_, &app::QueueModel::intakeNoticeChanged, this,
             [this] { notice_->setText(qs(queue_.intakeNotice().value_or(std::string()))); });
     layout->addWidget(notice_);
+    notices_ = new WindowNotices(app_, [this] { showDesktopSettings(); }, central);
+    layout->addWidget(notices_);
 
     if (!app_.tools()) {
         // Without the helper folder's tools the queue refuses all work: say so instead.
@@ -488,10 +485,13 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         }
         return;
     }
-    if (app_.quitDecision() == app::TessarinApp::QuitDecision::askConversionsInProgress) {
-        QMessageBox alert(
-            QMessageBox::Warning, QString::fromUtf8(app::TessarinApp::kQuitAlertTitle),
-            QString::fromUtf8(app::TessarinApp::kQuitAlertTitle), QMessageBox::NoButton, this);
+    if (const auto decision = app_.quitDecision();
+        decision != app::TessarinApp::QuitDecision::quitNow) {
+        const QString title = QString::fromUtf8(
+            decision == app::TessarinApp::QuitDecision::askUnsavedTranscripts
+                ? app::TessarinApp::kQuitAlertUnsavedTitle
+                : app::TessarinApp::kQuitAlertTitle);
+        QMessageBox alert(QMessageBox::Warning, title, title, QMessageBox::NoButton, this);
         alert.setObjectName("quitAlert");
         alert.setInformativeText(QString::fromUtf8(app::TessarinApp::kQuitAlertText));
         QPushButton* keep = alert.addButton(QString::fromUtf8(app::TessarinApp::kQuitAlertKeep),

@@ -25,6 +25,7 @@ class ActionChips;
 class DropZone;
 class FastCutReviewDialog;
 class NoticeBanner;
+class WindowNotices;
 class QueueList;
 class RecordingRecoveryDialog;
 class RecordingToolbar;
@@ -53,6 +54,8 @@ public:
     [[nodiscard]] ActionChips* chips() const { return chips_; }
     [[nodiscard]] QueueList* queueList() const { return queueList_; }
     [[nodiscard]] NoticeBanner* notice() const { return notice_; }
+    // The file-manager actions' health and the transcripts that couldn't be saved.
+    [[nodiscard]] WindowNotices* notices() const { return notices_; }
     // The confirmation of a large batch while it is open.
     [[nodiscard]] QMessageBox* pendingIntakeDialog() const { return pendingDialog_; }
     // The review of a fast cut while it is open.
@@ -92,6 +95,7 @@ private:
     app::TessarinApp& app_;
     app::QueueModel& queue_;
     NoticeBanner* notice_ = nullptr;
+    WindowNotices* notices_ = nullptr;
     DropZone* dropZone_ = nullptr;
     ActionChips* chips_ = nullptr;
     QLineEdit* trimStart_ = nullptr;

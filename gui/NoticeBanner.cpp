@@ -2,13 +2,17 @@
 
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QPushButton>
 #include <QStyle>
 #include <QToolButton>
 
 namespace tessarin::gui {
 
 NoticeBanner::NoticeBanner(QWidget* parent)
-    : QFrame(parent), label_(new QLabel(this)), dismiss_(new QToolButton(this)) {
+    : QFrame(parent),
+      label_(new QLabel(this)),
+      dismiss_(new QToolButton(this)),
+      layout_(new QHBoxLayout(this)) {
     setObjectName("noticeBanner");
     setFrameShape(QFrame::StyledPanel);
     setAutoFillBackground(true);
@@ -30,18 +34,24 @@ NoticeBanner::NoticeBanner(QWidget* parent)
     dismiss_->setAutoRaise(true);
     connect(dismiss_, &QToolButton::clicked, this, &NoticeBanner::dismissed);
 
-    auto* layout = new QHBoxLayout(this);
-    layout->setContentsMargins(10, 8, 6, 8);
-    layout->setSpacing(8);
-    layout->addWidget(icon);
-    layout->addWidget(label_, 1);
-    layout->addWidget(dismiss_, 0, Qt::AlignTop);
+    layout_->setContentsMargins(10, 8, 6, 8);
+    layout_->setSpacing(8);
+    layout_->addWidget(icon);
+    layout_->addWidget(label_, 1);
+    layout_->addWidget(dismiss_, 0, Qt::AlignTop);
     setVisible(false);
 }
 
 void NoticeBanner::setText(const QString& text) {
     label_->setText(text);
     setVisible(!text.isEmpty());
+}
+
+QPushButton* NoticeBanner::addButton(const QString& text, const QString& objectName) {
+    auto* button = new QPushButton(text, this);
+    button->setObjectName(objectName);
+    layout_->insertWidget(layout_->indexOf(dismiss_), button, 0, Qt::AlignTop);
+    return button;
 }
 
 QString NoticeBanner::text() const {

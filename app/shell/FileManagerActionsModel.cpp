@@ -67,11 +67,16 @@ void FileManagerActionsModel::start(Operation operation) {
             text += engine::kActionRestartHint;
         }
         return MainThreadHandoff::Completion(
-            [this, rows = registrar.status(), text = QString::fromStdString(text)] {
+            [this, operation, rows = registrar.status(), text = QString::fromStdString(text)] {
                 rows_ = rows;
                 lastOutcome_ = text;
                 --pending_;
                 emit changed();
+                if (operation == Operation::install) {
+                    const bool allActive = engine::actionHealth(rows_).needsAttention.empty();
+                    emit enableAllFinished(allActive, QString::fromUtf8(allActive ? kAllActive
+                                                                                  : kNotConfirmed));
+                }
             });
     });
 }

@@ -39,8 +39,18 @@ public:
 
     static constexpr const char* kRestartHint = engine::kActionRestartHint.data();
 
+    // What "Enable All" says once it is done: every action active (the restart hint follows),
+    // or some still not active.
+    static constexpr const char* kAllActive =
+        "All file-manager actions are active. Restart the file manager to refresh its menu now.";
+    static constexpr const char* kNotConfirmed =
+        "Tessarin set up the file-manager actions but the file managers won't show all of them. "
+        "See which ones in Settings ▸ Desktop ▸ File-manager actions.";
+
 signals:
     void changed();
+    // "Enable All" ended: `allActive`, and kAllActive or kNotConfirmed.
+    void enableAllFinished(bool allActive, const QString& text);
 
 private slots:
     void deliver();

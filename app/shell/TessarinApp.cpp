@@ -349,8 +349,13 @@ bool TessarinApp::startHandoffServer() {
 }
 
 TessarinApp::QuitDecision TessarinApp::quitDecision() const {
-    return queue_->hasUnfinishedWork() ? QuitDecision::askConversionsInProgress
-                                       : QuitDecision::quitNow;
+    if (queue_->hasUnfinishedWork()) {
+        return QuitDecision::askConversionsInProgress;
+    }
+    if (transcription_ && !transcription_->unsavedTranscripts().entries().empty()) {
+        return QuitDecision::askUnsavedTranscripts;
+    }
+    return QuitDecision::quitNow;
 }
 
 void TessarinApp::prepareForQuit() {

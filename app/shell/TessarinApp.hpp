@@ -107,7 +107,7 @@ public:
         [[nodiscard]] static Environment standard();
     };
 
-    enum class QuitDecision { quitNow, askConversionsInProgress };
+    enum class QuitDecision { quitNow, askConversionsInProgress, askUnsavedTranscripts };
 
     explicit TessarinApp(Environment environment, QObject* parent = nullptr);
     ~TessarinApp() override;
@@ -159,6 +159,7 @@ public:
     void setUIScale(double scale);
 
     static constexpr const char* kQuitAlertTitle = "Conversions in progress";
+    static constexpr const char* kQuitAlertUnsavedTitle = "Unsaved transcripts";
     static constexpr const char* kQuitAlertText =
         "Quitting cancels running work and drops waiting files. Finished outputs are kept. Any "
         "unsaved recovered transcripts will be lost.";

@@ -6,7 +6,9 @@ namespace tessarin::app {
 
 namespace {
 constexpr const char* kStep = "transcribe";
-}
+constexpr const char* kUnsavedNote =
+    "The transcript is kept in the window until you save it elsewhere.";
+}  // namespace
 
 std::optional<std::string> costNote(const engine::TranscriptionAccounting& accounting) {
     std::string note;
@@ -80,6 +82,12 @@ std::filesystem::path TranscriptionQueueJob::run(const Callbacks& callbacks) {
     if (outcome.partial && outcome.transcript && callbacks.onWarning) {
         callbacks.onWarning("Text received before the failure was saved as " +
                             outcome.transcript->filename().string() + ".");
+    }
+    if (outcome.unsaved && unsavedSink_) {
+        unsavedSink_(*outcome.unsaved, input_->filename());
+        if (callbacks.onWarning) {
+            callbacks.onWarning(kUnsavedNote);
+        }
     }
     if (error.code() == engine::TranscriptionError::Code::cancelled) {
         throw engine::JobFailure::cancelled(kStep);

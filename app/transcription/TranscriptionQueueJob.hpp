@@ -1,6 +1,7 @@
 // A queue row's transcription: the engine's pipeline on one file, its outcome told as the queue
 // tells every job's. A transcript that was only partly received is written and still fails the
-// row, with a note that says where the text is.
+// row, with a note that says where the text is; one that couldn't be written at all is handed to
+// the window's unsaved transcripts.
 #pragma once
 
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "app/queue/QueueJob.hpp"
+#include "app/transcription/UnsavedTranscripts.hpp"
 #include "engine/transcription/TranscriptionControl.hpp"
 #include "engine/transcription/TranscriptionError.hpp"
 #include "engine/transcription/TranscriptionInput.hpp"
@@ -46,6 +48,10 @@ public:
     [[nodiscard]] std::filesystem::path run(const Callbacks& callbacks) override;
     void cancel() override { control_->cancel(); }
 
+    // Where a transcript goes that was made but couldn't be stored (from the job's thread).
+    // Without one, such a text is only reported.
+    void keepUnsavedWith(UnsavedTranscripts::Sink sink) { unsavedSink_ = std::move(sink); }
+
     // What the run cost, once it ended.
     [[nodiscard]] const engine::TranscriptionAccounting& accounting() const {
         return pipeline_->accounting();
@@ -58,6 +64,7 @@ private:
     engine::TranscriptionRequest request_;
     engine::TranscriptionDestination destination_;
     std::unique_ptr<engine::TranscriptionPipeline> pipeline_;
+    UnsavedTranscripts::Sink unsavedSink_;
     std::shared_ptr<engine::TranscriptionControl> control_ =
         std::make_shared<engine::TranscriptionControl>();
 };

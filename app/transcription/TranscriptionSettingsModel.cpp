@@ -399,9 +399,11 @@ std::shared_ptr<QueueJob> TranscriptionSettingsModel::makeJob(const QueueItem& i
     } else {
         binding = TranscriptionQueueJob::Binding::of(item.source);
     }
-    return std::make_shared<TranscriptionQueueJob>(
+    auto job = std::make_shared<TranscriptionQueueJob>(
         std::move(binding), std::move(request), std::move(destination), std::move(pipeline),
         std::vector<std::shared_ptr<const void>>{catalogSource_, settings_});
+    job->keepUnsavedWith(unsaved_.sink());
+    return job;
 }
 
 void TranscriptionSettingsModel::bindQueued(const std::vector<QueueItem>& items) {

@@ -140,6 +140,9 @@ public:
     void bindQueued(const std::vector<QueueItem>& items);
     [[nodiscard]] std::size_t boundCount() const { return bindings_.size(); }
 
+    // Transcripts the rows' jobs made but couldn't store, until the user saves them elsewhere.
+    [[nodiscard]] UnsavedTranscripts& unsavedTranscripts() { return unsaved_; }
+
 signals:
     void changed();
 
@@ -167,6 +170,7 @@ private:
     std::uint64_t parametersLookupGeneration_ = 0;
 
     std::map<engine::Uuid, TranscriptionQueueJob::Binding> bindings_;  // main thread only
+    UnsavedTranscripts unsaved_;
 
     struct Lookup {
         std::shared_ptr<engine::TranscriptionControl> control;

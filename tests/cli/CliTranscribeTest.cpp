@@ -235,5 +235,40 @@ TEST(CliTranscribe, ConsentOnTheCommandLineIsStoredAndTheTranscriptLandsBesideTh
     }
 }
 
+// Every transcript name beside the video is taken, so the writer fails: the text received goes
+// to the temporary folder, and the run still fails in the writer's words.
+TEST(CliTranscribe, ATranscriptThatCantBeStoredLandsInTheTemporaryFolder) {
+    test::LoopbackHttpsServer server(json::array({kModels, chatAnswer("Nothing is lost.")}));
+    test::TempDir config;
+    test::TempDir media;
+    test::TempDir temporary;
+    const auto talk = copyInto(media.path(), test::testClip(test::TestClip::h264Aac), "talk.mp4");
+    for (int attempt = 1; attempt <= 63; ++attempt) {
+        std::ofstream(media / (attempt == 1 ? std::string("talk.transcript.txt")
+                                            : "talk-" + std::to_string(attempt) + ".transcript.txt"))
+            << "taken";
+    }
+    auto environment = serviceEnvironment(server, config);
+    environment["XDG_STATE_HOME"] = (config / "state").string();
+    environment["TMPDIR"] = temporary.path().string();
+
+    const ToolRun run = runTool({"transcribe", "--json", "--consent", "audio", "--model",
+                                 "google/gemini-3.6-flash", talk.string()},
+                                environment);
+    EXPECT_EQ(run.exitCode, 1) << run.err;
+    const std::filesystem::path saved = temporary / "talk.transcript.txt";
+    EXPECT_EQ(fileText(saved), "Nothing is lost.");
+    const auto events = jsonEvents(run.out);
+    const auto warning = std::find_if(events.begin(), events.end(), [](const json& event) {
+        return event["event"] == "warning" && event["text"] == "transcriptSavedElsewhere";
+    });
+    ASSERT_NE(warning, events.end()) << run.out;
+    EXPECT_EQ((*warning)["message"], "The transcript couldn’t be saved there, so it was saved to " +
+                                         saved.string() + ".");
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(events.back()["event"], "failed");
+    EXPECT_EQ(events.back()["text"], "The transcript couldn’t be saved.");
+}
+
 }  // namespace
 }  // namespace tessarin::cli

@@ -54,10 +54,16 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     snapshot.entries = {engine::CatalogEntry{kChatModel, std::nullopt, {"audio"}, {"text"}, {}, {}, {}}};
     settings->setData(engine::OpenRouterCatalog::kSettingsKey, snapshot.toJSONText());
 
+    const json queued = {
+        {"status", 200},
+        {"body", json{{"choices", json::array({{{"message", {{"content", "Queued words."}}}}})},
+                      {"usage", {{"cost", 0.0021}}}}
+                     .dump()}};
+    // The first row's answer stands for each request it makes; the last for the second row's.
     test::LoopbackHttpsServer server(json::array(
-        {{{"status", 200},
-          {"body", json{{"choices", json::array({{{"message", {{"content", "Queued words."}}}}})},
-                        {"usage", {{"cost", 0.0021}}}}
+        {queued, queued,
+         {{"status", 200},
+          {"body", json{{"choices", json::array({{{"message", {{"content", "Kept words."}}}}})}}
                        .dump()}}}));
     auto keys = std::make_shared<engine::InMemoryOpenRouterKeyStore>("sk-or-app");
     const test::TempDir scratch;
@@ -123,6 +129,33 @@ TEST(TranscriptionQueue, ARowNeedsTheApprovalThenLandsItsTranscriptBesideTheVide
     EXPECT_EQ(report.rosterCount, 14u);
     EXPECT_EQ(report.destinationMode, "sameFolder");
     EXPECT_EQ(report.promptModeName, "builtIn");
+
+    // Every free name beside the video taken: the row fails in the writer's words, and the
+    // text waits in the window until it is saved elsewhere.
+    for (int attempt = 2; attempt <= 63; ++attempt) {
+        std::ofstream(media / ("talk-" + std::to_string(attempt) + ".transcript.txt")) << "taken";
+    }
+    queue.clearFinished();
+    ASSERT_TRUE(queue.intake(test::urlsOf({talk}), test::withAction(ActionID::transcribe())));
+    UnsavedTranscripts& unsaved = model.unsavedTranscripts();
+    ASSERT_TRUE(test::waitFor([&] { return test::countIn(queue, Kind::failed) == 1 &&
+                                           !unsaved.entries().empty(); }));
+    const auto failed = std::find_if(queue.items().begin(), queue.items().end(),
+                                     [](const QueueItem& item) { return item.isFinished(); });
+    ASSERT_TRUE(failed->state.failure);
+    EXPECT_EQ(failed->state.failure->stderrTail, "The transcript couldn’t be saved.");
+    EXPECT_THAT(failed->warningNote.value_or(""),
+                ::testing::HasSubstr("kept in the window until you save it elsewhere"));
+    ASSERT_EQ(unsaved.entries().size(), 1u);
+    EXPECT_EQ(unsaved.entries()[0].sourceName, "talk.mp4");
+    EXPECT_EQ(unsaved.entries()[0].suggestedName(), "talk.transcript.txt");
+    EXPECT_EQ(unsaved.entries()[0].text, "Kept words.");
+    const uint64_t id = unsaved.entries()[0].id;
+    EXPECT_EQ(unsaved.save(id, media / "missing" / "talk.txt"), "The transcript couldn’t be saved.");
+    ASSERT_EQ(unsaved.entries().size(), 1u);
+    EXPECT_EQ(unsaved.save(id, media / "kept.txt"), std::nullopt);
+    EXPECT_EQ(fileText(media / "kept.txt"), "Kept words.");
+    EXPECT_TRUE(unsaved.entries().empty());
 
     // Withdrawing stops later rows before anything is sent; the saved transcript stays.
     model.withdrawConsent(TranscriptionConsentKind::audioUpload);
