@@ -11,6 +11,7 @@
 #include <QLayout>
 #include <QListWidget>
 #include <QMenu>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QRadioButton>
 #include <QSpinBox>
@@ -20,6 +21,13 @@
 #include "gui/AboutPage.hpp"
 #include "gui/DesktopPage.hpp"
 #include "gui/GeneralSettingsPage.hpp"
+#include "gui/NoticeBanner.hpp"
+#include "gui/RemoteSharesDialog.hpp"
+#include "gui/WindowNotices.hpp"
+#include "engine/desktop/ActionFiles.hpp"
+#include "engine/desktop/ActionRegistrar.hpp"
+#include "engine/desktop/RemoteShares.hpp"
+#include "engine/intake/HelperActions.hpp"
 #include "gui/MainWindow.hpp"
 #include "gui/PresetEditor.hpp"
 #include "gui/PresetsPage.hpp"
@@ -235,6 +243,45 @@ TEST_F(SettingsWindowTest, TheDesktopTabShowsTheFileManagerActions) {
     EXPECT_EQ(entries, (QStringList{"File-Manager Actions…", "Install Command-Line Tool…",
                                     "Copy Support Report", "Check for Updates…"}));
     test::screenshotAtBothScales(settings_, "settings-desktop");
+
+    // A removed action file shows in the window's banner; Enable All brings it back and ends
+    // with its follow-up and the restart hint.
+    const auto dataHome = home_.standardFile().parent_path().parent_path() / "data";
+    std::filesystem::remove(engine::actionFilePath(dataHome, engine::FileManager::nemo,
+                                                   *engine::helperAction("gif")));
+    core_->fileManagerActions().refresh();
+    NoticeBanner* health = window_->notices()->actionHealth();
+    ASSERT_TRUE(waitUntil([&] { return !health->isHidden(); }, std::chrono::seconds(20)));
+    EXPECT_EQ(health->text().toStdString(),
+              "1 of 24 Tessarin file-manager actions isn't active, so it's missing from the "
+              "right-click menu.");
+    core_->fileManagerActions().install();
+    QMessageBox* result = nullptr;
+    ASSERT_TRUE(waitUntil([&] { return (result = settings_->findChild<QMessageBox*>(
+                                            "enableAllResult")) != nullptr; },
+                          std::chrono::seconds(20)));
+    EXPECT_EQ(result->text().toStdString(),
+              "All file-manager actions are active. Restart the file manager to refresh its menu "
+              "now.");
+    EXPECT_EQ(result->informativeText().toStdString(), engine::kActionRestartHint);
+    EXPECT_TRUE(health->isHidden());
+    result->close();
+}
+
+// No avahi-daemon runs here: the dialog opens with its texts and says the search failed.
+TEST_F(SettingsWindowTest, SavingToAnotherComputerExplainsAFailedSearch) {
+    settings_->tabs()->setCurrentWidget(settings_->general());
+    auto* button = settings_->general()->findChild<QPushButton*>("saveToAnotherComputer");
+    ASSERT_NE(button, nullptr);
+    button->click();
+    auto* dialog = settings_->general()->findChild<RemoteSharesDialog*>();
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_EQ(dialog->windowTitle(), "Save to another computer");
+    auto* error = dialog->findChild<QLabel*>("remoteSharesError");
+    ASSERT_TRUE(waitUntil([&] { return !error->isHidden(); }, std::chrono::seconds(10)));
+    EXPECT_EQ(error->text().toStdString(), engine::kBrowseFailed);
+    EXPECT_FALSE(dialog->findChild<QLabel*>("remoteHostsEmpty")->isHidden());
+    dialog->reject();
 }
 
 }  // namespace

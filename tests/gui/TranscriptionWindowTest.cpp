@@ -7,15 +7,19 @@
 #include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTabWidget>
 #include <QTest>
 #include <cstdlib>
+#include <fstream>
 
 #include "app/shell/TessarinApp.hpp"
 #include "app/transcription/TranscriptionSettingsModel.hpp"
 #include "gui/ConsentSheet.hpp"
 #include "gui/MainWindow.hpp"
+#include "gui/NoticeBanner.hpp"
+#include "gui/WindowNotices.hpp"
 #include "gui/TranscriptionSettingsPage.hpp"
 #include "tests/app/support/AppTestSupport.hpp"
 #include "tests/gui/GuiTestSupport.hpp"
@@ -109,6 +113,29 @@ TEST(TranscriptionWindow, TheTabSavesTheKeyAndTheNoticeStoresTheApproval) {
     EXPECT_EQ(page->audioConsentStatus()->text(), "Approved");
     page->withdrawAudioButton()->click();
     EXPECT_FALSE(core->transcription()->consentGranted(TranscriptionConsentKind::audioUpload));
+
+    // A transcript a job couldn't store waits in a banner, holds up quitting, and is saved
+    // elsewhere from there; a failed save says so and keeps it.
+    engine::CompletedTranscriptSaveFailure unsaved;
+    unsaved.text = "Words kept in memory.";
+    core->transcription()->unsavedTranscripts().sink()(unsaved, "talk.mp4");
+    NoticeBanner* banner = window->notices()->unsavedTranscript();
+    ASSERT_TRUE(waitUntil([&] { return banner->isVisible(); }));
+    EXPECT_TRUE(banner->text().startsWith("The transcript couldn’t be saved. (talk.mp4)"))
+        << banner->text().toStdString();
+    EXPECT_EQ(core->quitDecision(), app::TessarinApp::QuitDecision::askUnsavedTranscripts);
+    window->notices()->saveTranscript(QString::fromStdString((home.path() / "no" / "t.txt").string()));
+    auto* failed = window->findChild<QMessageBox*>("transcriptSaveFailed");
+    ASSERT_NE(failed, nullptr);
+    EXPECT_EQ(failed->text(), "The transcript couldn’t be saved.");
+    failed->close();
+    EXPECT_TRUE(banner->isVisible());
+    const std::filesystem::path kept = home.path() / "talk.transcript.txt";
+    window->notices()->saveTranscript(QString::fromStdString(kept.string()));
+    EXPECT_FALSE(banner->isVisible());
+    EXPECT_EQ(core->quitDecision(), app::TessarinApp::QuitDecision::quitNow);
+    std::ifstream keptFile(kept);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(keptFile), {}), "Words kept in memory.");
 
     core->prepareForQuit();
     EXPECT_TRUE(core->queue().waitForBackgroundWork(std::chrono::seconds(30)));
