@@ -58,6 +58,17 @@ TEST_F(DesktopModelsTest, ActionsAreRepairedAtLaunchAndTheirHealthPublished) {
     model.run();
     waitUntilIdle(model);
     EXPECT_FALSE(model.healthText().isEmpty());
+
+    // Enable All can't take over someone else's file: its follow-up says not all are shown.
+    test::writeFile(engine::actionFilePath(dir / "data", engine::FileManager::dolphin,
+                                           *engine::helperAction("gif")),
+                    "[Desktop Entry]\nType=Service\n", 0755);
+    QSignalSpy finished(&model, &FileManagerActionsModel::enableAllFinished);
+    model.install();
+    ASSERT_TRUE(finished.wait(10000));
+    EXPECT_FALSE(finished.at(0).at(0).toBool());
+    EXPECT_EQ(finished.at(0).at(1).toString(), FileManagerActionsModel::kNotConfirmed);
+    EXPECT_TRUE(model.lastOutcome().contains("weren't made by Tessarin"));
 }
 
 TEST_F(DesktopModelsTest, AutomaticUpdateChecksAreOffUntilTurnedOn) {
