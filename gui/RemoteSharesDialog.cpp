@@ -52,8 +52,9 @@ RemoteSharesDialog::RemoteSharesDialog(QWidget* parent, app::RemoteSharesModel* 
     });
     connect(model_, &app::RemoteSharesModel::changed, this, &RemoteSharesDialog::showState);
     connect(model_, &app::RemoteSharesModel::mounted, this, [this](const QString& url) {
-        emit shareMounted(url);
+        // Closed first, so that the folder panel that follows isn't stacked on it.
         accept();
+        emit shareMounted(url);
     });
     showState();
     model_->start();

@@ -17,12 +17,16 @@
 #include <QSpinBox>
 #include <QTabWidget>
 #include <QTest>
+#include <QTimer>
+#include <thread>
 
 #include "gui/AboutPage.hpp"
 #include "gui/DesktopPage.hpp"
 #include "gui/GeneralSettingsPage.hpp"
 #include "gui/NoticeBanner.hpp"
 #include "gui/RemoteSharesDialog.hpp"
+#include "app/shell/RemoteSharesModel.hpp"
+#include "tests/support/Files.hpp"
 #include "gui/WindowNotices.hpp"
 #include "engine/desktop/ActionFiles.hpp"
 #include "engine/desktop/ActionRegistrar.hpp"
@@ -266,6 +270,60 @@ TEST_F(SettingsWindowTest, TheDesktopTabShowsTheFileManagerActions) {
     EXPECT_EQ(result->informativeText().toStdString(), engine::kActionRestartHint);
     EXPECT_TRUE(health->isHidden());
     result->close();
+}
+
+// One computer on the network, reported from the browser's own thread.
+class OneHost final : public engine::SMBBrowsing {
+public:
+    ~OneHost() override { stop(); }
+    void start(std::function<void(std::vector<engine::DiscoveredHost>)> onChange,
+               std::function<void(std::string)>) override {
+        thread_ = std::thread([onChange = std::move(onChange)] {
+            onChange({{"NAS", "local", 2, "nas.local."}});
+        });
+    }
+    void stop() override {
+        if (thread_.joinable()) {
+            thread_.join();
+        }
+    }
+
+private:
+    std::thread thread_;
+};
+
+// Picking the computer mounts it with `gio` (a script here), then the folder panel's choice
+// becomes the custom output folder.
+TEST_F(SettingsWindowTest, AMountedShareBecomesTheOutputFolder) {
+    test::TempDir scratch;
+    const auto gio = scratch / "gio";
+    test::writeFile(gio, "#!/bin/sh\n[ \"$2\" = smb://nas.local/ ] || exit 2\n", 0755);
+    auto* model = new app::RemoteSharesModel(std::make_unique<OneHost>(),
+                                             engine::makeGioMounter(gio));
+    RemoteSharesDialog* dialog = settings_->general()->openRemoteShares(model);
+    auto* hosts = dialog->findChild<QListWidget*>("remoteHosts");
+    ASSERT_TRUE(waitUntil([&] { return hosts->count() == 1; }));
+    EXPECT_EQ(hosts->item(0)->text(), "NAS");
+    EXPECT_TRUE(dialog->findChild<QLabel*>("remoteHostsEmpty")->isHidden());
+
+    // The panel runs its own event loop once the mount is done; a timer answers it there.
+    const test::TempDir share;
+    QTimer answer;
+    answer.setInterval(20);
+    QObject::connect(&answer, &QTimer::timeout, [&] {
+        if (auto* panel = qobject_cast<QFileDialog*>(QApplication::activeModalWidget())) {
+            answer.stop();
+            panel->setDirectory(QString::fromStdString(share.path().string()));
+            static_cast<QDialog*>(panel)->accept();
+        }
+    });
+    answer.start();
+    emit hosts->itemActivated(hosts->item(0));
+    ASSERT_TRUE(waitUntil(
+        [&] { return core_->outputDestination().mode() == app::OutputMode::customFolder; }));
+    auto* path = settings_->general()->findChild<QLabel*>("outputFolderPath");
+    EXPECT_TRUE(waitUntil([&] { return path->text().toStdString() == share.path().string(); }))
+        << path->text().toStdString();
 }
 
 // No avahi-daemon runs here: the dialog opens with its texts and says the search failed.
