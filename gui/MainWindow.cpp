@@ -154,9 +154,6 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(&app_.recordingSession(), &app::RecordingSessionModel::changed, this, [this] {
         app::RecordingSessionModel& recording = app_.recordingSession();
         record_->setEnabled(recording.available() && !recording.isLive());
-        if (quitAfterRecording_ && !recording.isLive()) {
-            close();
-        }
     });
     auto* preferences = new QShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma), this);
     connect(preferences, &QShortcut::activated, this, &MainWindow::showSettings);
@@ -474,20 +471,12 @@ SettingsWindow* MainWindow::showDesktopSettings() {
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    app::RecordingSessionModel& recording = app_.recordingSession();
-    if (recording.isLive()) {
-        // The take is stopped and saved first; the window closes once it is (at most a minute).
-        event->ignore();
-        if (!quitAfterRecording_) {
-            quitAfterRecording_ = true;
-            recording.handleQuit([this](bool settled) {
-                if (!settled) {
-                    quitAfterRecording_ = false;  // stays up, so the user can act
-                }
-            });
-        }
+    if (app_.recordingSession().isLive() && !recordingQuitApproved_) {
+        event->ignore();  // asked first; the take is stopped and saved before the window closes
+        askRecordingQuit();
         return;
     }
+    recordingQuitApproved_ = false;
     if (app_.quitDecision() == app::TessarinApp::QuitDecision::askConversionsInProgress) {
         QMessageBox alert(
             QMessageBox::Warning, QString::fromUtf8(app::TessarinApp::kQuitAlertTitle),
@@ -510,6 +499,48 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         settingsWindow_->close();
     }
     event->accept();
+}
+
+void MainWindow::askRecordingQuit() {
+    if (recordingQuitAlert_) {
+        recordingQuitAlert_->raise();
+        return;
+    }
+    using Model = app::RecordingSessionModel;
+    auto* alert = new QMessageBox(QMessageBox::Question, QString::fromUtf8(Model::kQuitAlertTitle),
+                                  QString::fromUtf8(Model::kQuitAlertTitle), QMessageBox::NoButton,
+                                  this);
+    alert->setObjectName("recordingQuitAlert");
+    alert->setAttribute(Qt::WA_DeleteOnClose);
+    alert->setInformativeText(QString::fromUtf8(Model::kQuitAlertText));
+    QPushButton* save =
+        alert->addButton(QString::fromUtf8(Model::kQuitAlertSave), QMessageBox::AcceptRole);
+    save->setObjectName("stopSaveAndQuit");
+    QPushButton* keep =
+        alert->addButton(QString::fromUtf8(Model::kQuitAlertKeep), QMessageBox::RejectRole);
+    keep->setObjectName("keepRecording");
+    alert->setDefaultButton(save);
+    alert->setEscapeButton(keep);
+    recordingQuitAlert_ = alert;
+    app::RecordingSessionModel& recording = app_.recordingSession();
+    connect(alert, &QMessageBox::finished, this, [alert, save, &recording] {
+        if (alert->clickedButton() == save) {
+            recording.confirm();
+        } else {
+            recording.dismissConfirmation();
+        }
+    });
+    // The answer comes once the take has settled (or the wait gave up, and the window stays).
+    recording.handleQuit([this](bool mayQuit) {
+        if (recordingQuitAlert_) {
+            recordingQuitAlert_->close();
+        }
+        if (mayQuit) {
+            recordingQuitApproved_ = true;
+            close();
+        }
+    });
+    alert->open();
 }
 
 void MainWindow::askUploadConsent(bool video) {

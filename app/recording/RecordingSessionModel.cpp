@@ -143,13 +143,26 @@ void RecordingSessionModel::handleQuit(std::function<void(bool)> reply,
         reply(true);
         return;
     }
-    session_->stop();
-    engine::RecordingSession* session = session_.get();
-    // The wait runs on a worker; the model outlives it (its destructor waits for workers).
-    handoff_->start([session, limit, reply = std::move(reply)] {
-        const bool settled = session->waitUntilSettled(limit);
-        return MainThreadHandoff::Completion([reply, settled] { reply(settled); });
-    });
+    std::weak_ptr<MainThreadHandoff> handoff = handoff_;
+    session_->handleQuit(
+        [handoff, reply = std::move(reply)](bool mayQuit) {
+            if (const auto target = handoff.lock()) {
+                target->post([reply, mayQuit] { reply(mayQuit); });
+            }
+        },
+        limit);
+}
+
+void RecordingSessionModel::confirm() {
+    if (session_) {
+        session_->confirm();
+    }
+}
+
+void RecordingSessionModel::dismissConfirmation() {
+    if (session_) {
+        session_->dismissConfirmation();
+    }
 }
 
 }  // namespace tessarin::app

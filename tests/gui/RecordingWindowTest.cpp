@@ -5,6 +5,7 @@
 
 #include <QComboBox>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QScreen>
 #include <QSignalSpy>
@@ -100,7 +101,7 @@ TEST_F(RecordingWindowTest, RecordsAnAreaPausesResumesAndSaves) {
     EXPECT_TRUE(record->isEnabled());
 }
 
-TEST_F(RecordingWindowTest, ClosingWithATakeRunningSavesItBeforeTheWindowCloses) {
+TEST_F(RecordingWindowTest, ClosingWithATakeRunningAsksThenSavesBeforeTheWindowCloses) {
     app::RecordingSessionModel& model = core_->recordingSession();
     engine::RecordingPreferences preferences = model.preferences();
     preferences.systemAudio = false;
@@ -116,8 +117,26 @@ TEST_F(RecordingWindowTest, ClosingWithATakeRunningSavesItBeforeTheWindowCloses)
         << model.snapshot().errorMessage;
     QTest::qWait(1000);
     QSignalSpy saved(&model, &app::RecordingSessionModel::saved);
-    EXPECT_FALSE(window_->close());  // not yet: the take is saved first
+    const auto question = [&] { return window_->findChild<QMessageBox*>("recordingQuitAlert"); };
+    EXPECT_FALSE(window_->close());  // not yet: the user is asked first
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_EQ(question()->text(), "Save the recording before quitting?");
+    EXPECT_EQ(question()->informativeText(),
+              "Tessarin will stop recording and finish saving the file before it quits.");
+    // Keep Recording: nothing stops.
+    QTest::mouseClick(question()->findChild<QPushButton*>("keepRecording"), Qt::LeftButton);
+    QTest::qWait(300);
+    EXPECT_EQ(model.snapshot().phase, RecordingPhase::recording);
+    EXPECT_FALSE(model.snapshot().confirmation);
     EXPECT_TRUE(window_->isVisible());
+
+    EXPECT_FALSE(window_->close());
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    auto* save = question()->findChild<QPushButton*>("stopSaveAndQuit");
+    EXPECT_EQ(save->text(), "Stop, Save and Quit");
+    QTest::mouseClick(save, Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return !saved.isEmpty() && !window_->isVisible(); },
                           std::chrono::milliseconds(30000)));
     EXPECT_TRUE(fs::is_regular_file(saved.front().front().toString().toStdString()));
