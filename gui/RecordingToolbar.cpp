@@ -50,7 +50,30 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     row->addWidget(retry_);
     row->addWidget(reveal_);
     row->addWidget(close_);
+    layoutToggle_ = new QPushButton(this);
+    layoutToggle_->setObjectName("recordingLayoutToggle");
+    guideButton_ = new QPushButton(tr("?"), this);
+    guideButton_->setObjectName("recordingGuideButton");
+    guideButton_->setCheckable(true);
+    guideButton_->setToolTip(tr("How the recording controls work"));
+    guideButton_->setAccessibleName(tr("Recording guide"));
+    row->addWidget(guideButton_);
+    row->addWidget(layoutToggle_);
     layout->addLayout(row);
+    guide_ = new QLabel(this);
+    guide_->setObjectName("recordingGuide");
+    guide_->setWordWrap(true);
+    guide_->setText(
+        tr("Pause ends the current part and Resume starts the next; the pause is left out of "
+           "the file.\n"
+           "Stop saves the recording. Discard… asks, then moves it to the Trash.\n"
+           "The recording stops and is saved by itself when the source, the microphone or the "
+           "recorded app goes away, the drive fills up, or the computer goes to sleep.\n"
+           "If Tessarin stops unexpectedly, what was recorded is offered for recovery at the "
+           "next start (or with tessarin recordings recover).\n"
+           "From a terminal, tessarin record does the same: Ctrl-C stops and saves, SIGUSR1 "
+           "pauses, SIGUSR2 resumes."));
+    layout->addWidget(guide_);
     message_ = new QLabel(this);
     message_->setObjectName("recordingMessage");
     message_->setWordWrap(true);
@@ -94,8 +117,28 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         model_.dismiss();
         hide();
     });
+    connect(layoutToggle_, &QPushButton::clicked, this, [this] {
+        setToolbarLayout(layout_ == Layout::expanded ? Layout::compact : Layout::expanded);
+    });
+    connect(guideButton_, &QPushButton::toggled, this, &RecordingToolbar::setShowingGuide);
     connect(&model_, &app::RecordingSessionModel::changed, this, &RecordingToolbar::refresh);
     refresh();
+}
+
+void RecordingToolbar::setToolbarLayout(Layout layout) {
+    layout_ = layout;
+    if (layout == Layout::compact) {
+        setShowingGuide(false);
+    }
+    refresh();
+    adjustSize();
+}
+
+void RecordingToolbar::setShowingGuide(bool showing) {
+    showingGuide_ = showing;
+    guideButton_->setChecked(showing);
+    refresh();
+    adjustSize();
 }
 
 QString RecordingToolbar::timeText(double seconds) {
@@ -126,7 +169,6 @@ void RecordingToolbar::refresh() {
     close_->setVisible(ended);
     pauseResume_->setVisible(!ended);
     stop_->setVisible(!ended);
-    discard_->setVisible(!ended);
     discard_->setEnabled(phase == RecordingPhase::recording || paused ||
                          phase == RecordingPhase::countdown);
     addToQueue_->setVisible(phase == RecordingPhase::saved && snapshot.savedURL.has_value());
@@ -154,7 +196,17 @@ void RecordingToolbar::refresh() {
                     "to recover them at the next start.");
     }
     message_->setText(lines.join(QLatin1Char('\n')));
-    message_->setVisible(!lines.isEmpty());
+    // Compact keeps the time and the two buttons a take needs; a finished take shows its result.
+    const bool compact = layout_ == Layout::compact && !ended;
+    message_->setVisible(!lines.isEmpty() && !compact);
+    status_->setVisible(!compact);
+    discard_->setVisible(!ended && !compact);
+    guideButton_->setVisible(!compact);
+    guide_->setVisible(showingGuide_ && !compact);
+    layoutToggle_->setVisible(!ended);
+    layoutToggle_->setText(compact ? tr("Expand") : tr("Compact"));
+    layoutToggle_->setAccessibleName(compact ? tr("Show all recording controls")
+                                             : tr("Show fewer recording controls"));
 }
 
 }  // namespace tessarin::gui

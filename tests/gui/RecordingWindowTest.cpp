@@ -168,6 +168,57 @@ TEST(AreaPickerOverlay, ADragMarksTheAreaAndEscapeCancels) {
     EXPECT_TRUE(none.isEmpty());
 }
 
+TEST_F(RecordingWindowTest, TheToolbarFoldsToTheTimeAndTwoButtonsAndShowsAGuide) {
+    // A take counting down (no capture yet): the toolbar is up with all its controls.
+    app::RecordingSessionModel& model = core_->recordingSession();
+    engine::RecordingPreferences preferences = model.preferences();
+    preferences.systemAudio = false;
+    preferences.microphoneID.reset();
+    preferences.countdown = 10;
+    preferences.destinationPath = media_.path().string();
+    engine::RecordingTarget target;
+    target.mode = engine::RecordingMode::area;
+    target.area = engine::RecordingRect{0, 0, 320, 240};
+    model.start(target, preferences);
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::countdown; },
+                          std::chrono::milliseconds(5000)))
+        << model.snapshot().errorMessage;
+    RecordingToolbar* toolbar = window_->recordingToolbar();
+    toolbar->show();
+    const auto shown = [&](const char* name) {
+        auto* widget = toolbar->findChild<QWidget*>(name);
+        return widget != nullptr && widget->isVisible();
+    };
+    EXPECT_TRUE(shown("recordingStatus"));
+    EXPECT_FALSE(shown("recordingGuide"));
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("recordingGuideButton"), Qt::LeftButton);
+    ASSERT_TRUE(shown("recordingGuide"));
+    EXPECT_TRUE(toolbar->showingGuide());
+    EXPECT_TRUE(toolbar->findChild<QLabel*>("recordingGuide")->text().contains("SIGUSR1 pauses"));
+    const int expandedWidth = toolbar->sizeHint().width();
+
+    auto* toggle = toolbar->findChild<QPushButton*>("recordingLayoutToggle");
+    EXPECT_EQ(toggle->text(), "Compact");
+    QTest::mouseClick(toggle, Qt::LeftButton);
+    EXPECT_EQ(toolbar->toolbarLayout(), RecordingToolbar::Layout::compact);
+    for (const char* kept : {"recordingTime", "pauseResumeRecording", "stopRecording"}) {
+        EXPECT_TRUE(shown(kept)) << kept;
+    }
+    for (const char* folded :
+         {"recordingStatus", "discardRecording", "recordingGuide", "recordingGuideButton"}) {
+        EXPECT_FALSE(shown(folded)) << folded;
+    }
+    EXPECT_LT(toolbar->sizeHint().width(), expandedWidth);
+    EXPECT_EQ(toggle->text(), "Expand");
+    QTest::mouseClick(toggle, Qt::LeftButton);
+    EXPECT_TRUE(shown("recordingStatus"));
+    EXPECT_TRUE(shown("discardRecording"));
+    EXPECT_FALSE(shown("recordingGuide"));  // folding closed it
+    model.stop();  // cancels the countdown
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::failed; },
+                          std::chrono::milliseconds(5000)));
+}
+
 TEST(RecordingToolbar, TimeReadsMinutesAndSecondsThenHours) {
     EXPECT_EQ(RecordingToolbar::timeText(0), "00:00");
     EXPECT_EQ(RecordingToolbar::timeText(65.9), "01:05");
