@@ -1,9 +1,9 @@
 // The session's operations on this platform.
-#include <fstream>
 #include <future>
 #include <thread>
 
 #include "engine/recording/RecordingNamespace.hpp"
+#include "engine/recording/internal/Posix.hpp"
 #include "engine/recording/capture/PulseSources.hpp"
 #include "engine/recording/capture/X11Sources.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
@@ -32,17 +32,6 @@ bool boundedCheck(std::function<bool()> check, std::chrono::milliseconds limit) 
     return result.wait_for(limit) == std::future_status::ready && result.get();
 }
 
-// A process that exited but wasn't reaped yet ("Z" in its stat) has quit too.
-bool processRunning(int32_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(stat, line)) {
-        return false;
-    }
-    const std::size_t close = line.rfind(')');  // the name in brackets may hold anything
-    return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
-}
-
 }  // namespace
 
 RecordingSessionOperations RecordingSessionOperations::platform(RecordingWork work) {
@@ -65,7 +54,7 @@ RecordingSessionOperations RecordingSessionOperations::platform(RecordingWork wo
     operations.watchMicrophone = [](const std::string& id, std::function<void()> onGone) {
         return watchPulseSource(id, std::move(onGone));
     };
-    operations.applicationRunning = [](int32_t pid) { return processRunning(pid); };
+    operations.applicationRunning = [](int32_t pid) { return internal::processRunning(pid); };
     auto probe = std::make_shared<RecordingStorageProbe>();
     operations.storageCheck = [probe](const std::filesystem::path& folder) {
         return probe->status(folder, /*strict=*/false).get();

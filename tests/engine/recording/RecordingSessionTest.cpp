@@ -4,12 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <future>
 #include <mutex>
 #include <thread>
 
 #include "engine/recording/RecordingError.hpp"
+#include "engine/recording/internal/Posix.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
 #include "tests/engine/recording/RecordingTestSupport.hpp"
 #include "tests/support/TestMedia.hpp"
@@ -319,6 +323,23 @@ TEST(RecordingSession, TheRecordedAppQuittingOrTheMicrophoneLeavingEndsAndSavesT
               "The selected microphone disconnected. Tessarin did not switch to another "
               "microphone.");
     EXPECT_TRUE(session.snapshot().savedURL && fs::is_regular_file(*session.snapshot().savedURL));
+}
+
+TEST(RecordingSession, ARecordedProcessCountsAsQuitOnceItExitsEvenBeforeItIsReaped) {
+    EXPECT_TRUE(internal::processRunning(getpid()));
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        _exit(0);
+    }
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (internal::processRunning(child) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    EXPECT_FALSE(internal::processRunning(child));  // a zombie until reaped below
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_FALSE(internal::processRunning(child));
 }
 
 TEST(RecordingSession, QuitAsksFirstAndAnswersOnceTheTakeIsSaved) {
