@@ -34,6 +34,8 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     close_->setObjectName("closeRecording");
     discard_ = new QPushButton(tr("Discard…"), this);
     discard_->setObjectName("discardRecording");
+    restart_ = new QPushButton(tr("Restart…"), this);
+    restart_->setObjectName("restartRecording");
     addToQueue_ = new QPushButton(tr("Add to Queue"), this);
     addToQueue_->setObjectName("addRecordingToQueue");
     retry_ = new QPushButton(tr("Retry Saving"), this);
@@ -45,6 +47,7 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     row->addStretch();
     row->addWidget(pauseResume_);
     row->addWidget(stop_);
+    row->addWidget(restart_);
     row->addWidget(discard_);
     row->addWidget(addToQueue_);
     row->addWidget(retry_);
@@ -88,19 +91,10 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         }
     });
     connect(stop_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::stop);
-    connect(discard_, &QPushButton::clicked, this, [this] {
-        QMessageBox ask(QMessageBox::Warning, tr("Discard this recording?"),
-                        tr("Discard this recording?"), QMessageBox::NoButton, this);
-        ask.setObjectName("discardRecordingAlert");
-        ask.setInformativeText(tr("The recording stops and its files go to the Trash."));
-        QPushButton* keep = ask.addButton(tr("Keep Recording"), QMessageBox::RejectRole);
-        QPushButton* discard = ask.addButton(tr("Discard"), QMessageBox::DestructiveRole);
-        ask.setDefaultButton(keep);
-        ask.exec();
-        if (ask.clickedButton() == discard) {
-            model_.discard();
-        }
-    });
+    connect(discard_, &QPushButton::clicked, &model_,
+            &app::RecordingSessionModel::requestDiscard);
+    connect(restart_, &QPushButton::clicked, &model_,
+            &app::RecordingSessionModel::requestRestart);
     connect(retry_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::retrySaving);
     connect(reveal_, &QPushButton::clicked, this, [this] {
         if (const auto& folder = model_.snapshot().recoveryDirectory) {
@@ -122,7 +116,53 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     });
     connect(guideButton_, &QPushButton::toggled, this, &RecordingToolbar::setShowingGuide);
     connect(&model_, &app::RecordingSessionModel::changed, this, &RecordingToolbar::refresh);
+    connect(&model_, &app::RecordingSessionModel::changed, this,
+            &RecordingToolbar::askConfirmation);
     refresh();
+}
+
+void RecordingToolbar::askConfirmation() {
+    using Confirmation = engine::RecordingSession::Confirmation;
+    const std::optional<Confirmation> pending = model_.snapshot().confirmation;
+    const bool ours = pending == Confirmation::discard || pending == Confirmation::restart;
+    if (!ours) {
+        if (question_) {
+            // Answered, replaced by the quit's question, or the take ended another way: closing
+            // it now must not answer for the user.
+            QObject::disconnect(question_, nullptr, this, nullptr);
+            question_->close();
+        }
+        return;
+    }
+    if (question_) {
+        return;
+    }
+    const bool restart = pending == Confirmation::restart;
+    auto* ask = new QMessageBox(QMessageBox::Warning, QString(), QString(), QMessageBox::NoButton,
+                                this);
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    ask->setObjectName(restart ? "restartRecordingAlert" : "discardRecordingAlert");
+    ask->setWindowTitle(restart ? tr("Restart this recording?") : tr("Discard this recording?"));
+    ask->setText(ask->windowTitle());
+    ask->setInformativeText(restart
+                                ? tr("The recording so far goes to the Trash and a new one starts.")
+                                : tr("The recording stops and its files go to the Trash."));
+    QPushButton* keep = ask->addButton(tr("Keep Recording"), QMessageBox::RejectRole);
+    keep->setObjectName("keepRecording");
+    QPushButton* accept = ask->addButton(restart ? tr("Restart") : tr("Discard"),
+                                         QMessageBox::DestructiveRole);
+    accept->setObjectName("confirmRecordingAlert");
+    ask->setDefaultButton(keep);
+    ask->setEscapeButton(keep);
+    connect(ask, &QMessageBox::finished, this, [this, ask, accept] {
+        if (ask->clickedButton() == accept) {
+            model_.confirm();
+        } else {
+            model_.dismissConfirmation();
+        }
+    });
+    question_ = ask;
+    ask->open();
 }
 
 void RecordingToolbar::setToolbarLayout(Layout layout) {
@@ -201,6 +241,8 @@ void RecordingToolbar::refresh() {
     message_->setVisible(!lines.isEmpty() && !compact);
     status_->setVisible(!compact);
     discard_->setVisible(!ended && !compact);
+    restart_->setVisible(!ended && !compact);
+    restart_->setEnabled(discard_->isEnabled());
     guideButton_->setVisible(!compact);
     guide_->setVisible(showingGuide_ && !compact);
     layoutToggle_->setVisible(!ended);

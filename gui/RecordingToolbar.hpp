@@ -5,6 +5,8 @@
 // and it can show a short guide to its controls.
 #pragma once
 
+#include <QMessageBox>
+#include <QPointer>
 #include <QWidget>
 
 #include "app/recording/RecordingSessionModel.hpp"
@@ -36,6 +38,8 @@ signals:
 
 private:
     void refresh();
+    // Asks about the session's pending discard or restart, once per question.
+    void askConfirmation();
 
     app::RecordingSessionModel& model_;
     QLabel* status_;
@@ -45,6 +49,8 @@ private:
     QPushButton* stop_;
     QPushButton* close_;
     QPushButton* discard_;
+    QPushButton* restart_;
+    QPointer<QMessageBox> question_;
     QPushButton* addToQueue_;
     QPushButton* retry_;
     QPushButton* reveal_;

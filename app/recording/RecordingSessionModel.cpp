@@ -125,6 +125,18 @@ void RecordingSessionModel::discard() {
     }
 }
 
+void RecordingSessionModel::requestDiscard() {
+    if (session_) {
+        session_->requestDiscard();
+    }
+}
+
+void RecordingSessionModel::requestRestart() {
+    if (session_) {
+        session_->requestRestart();
+    }
+}
+
 void RecordingSessionModel::retrySaving() {
     if (session_) {
         session_->retrySaving();

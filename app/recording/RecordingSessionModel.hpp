@@ -52,6 +52,11 @@ public:
     void dismiss();
     // Ends the take and moves it to the Trash (the window asks first).
     void discard();
+    // The snapshot's `confirmation` becomes `discard` or `restart`; confirm() carries it out
+    // (a restart discards the take and records the same target anew), dismissConfirmation()
+    // keeps recording.
+    void requestDiscard();
+    void requestRestart();
     // A take that failed to save: join and publish it again.
     void retrySaving();
 

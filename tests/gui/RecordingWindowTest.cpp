@@ -168,7 +168,7 @@ TEST(AreaPickerOverlay, ADragMarksTheAreaAndEscapeCancels) {
     EXPECT_TRUE(none.isEmpty());
 }
 
-TEST_F(RecordingWindowTest, TheToolbarFoldsToTheTimeAndTwoButtonsAndShowsAGuide) {
+TEST_F(RecordingWindowTest, TheToolbarFoldsShowsAGuideAndAsksBeforeDiscarding) {
     // A take counting down (no capture yet): the toolbar is up with all its controls.
     app::RecordingSessionModel& model = core_->recordingSession();
     engine::RecordingPreferences preferences = model.preferences();
@@ -214,9 +214,27 @@ TEST_F(RecordingWindowTest, TheToolbarFoldsToTheTimeAndTwoButtonsAndShowsAGuide)
     EXPECT_TRUE(shown("recordingStatus"));
     EXPECT_TRUE(shown("discardRecording"));
     EXPECT_FALSE(shown("recordingGuide"));  // folding closed it
-    model.stop();  // cancels the countdown
-    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::failed; },
+
+    // Discard… asks; Keep Recording leaves the take be, Discard ends it.
+    const auto question = [&] {
+        return toolbar->findChild<QMessageBox*>("discardRecordingAlert");
+    };
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("discardRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
                           std::chrono::milliseconds(5000)));
+    EXPECT_EQ(question()->text(), "Discard this recording?");
+    QTest::mouseClick(question()->findChild<QPushButton*>("keepRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return !model.snapshot().confirmation; },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_EQ(model.snapshot().phase, RecordingPhase::countdown);
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("discardRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    QTest::mouseClick(question()->findChild<QPushButton*>("confirmRecordingAlert"),
+                      Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::idle; },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_FALSE(toolbar->isVisible());
 }
 
 TEST(RecordingToolbar, TimeReadsMinutesAndSecondsThenHours) {

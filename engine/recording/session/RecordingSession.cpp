@@ -223,6 +223,9 @@ void RecordingSession::setPhase(RecordingPhase phase) {
             state_.elapsed = completedDuration_ + capture_->runningTime();
         }
         state_.phase = phase;
+        if (!isLive(phase)) {
+            state_.confirmation.reset();  // nothing left to discard, restart or stop
+        }
     }
     sessionLog().info(fmt::format("phase={}", recordingPhaseName(phase)));
     changed_.notify_all();

@@ -150,9 +150,13 @@ public:
     // `reply` is called on a session thread.
     void handleQuit(std::function<void(bool)> reply,
                     std::chrono::milliseconds limit = std::chrono::seconds(60));
-    // Accepts the pending confirmation (only `quit` is asked through the session for now).
+    // From countdown, recording or paused: `confirmation` becomes `discard` or `restart`.
+    void requestDiscard();
+    void requestRestart();
+    // Accepts the pending confirmation: discard (as discard()), restart (discard, then start the
+    // same target with the same preferences anew), or quit (above).
     void confirm();
-    // Keeps recording: a pending quit is answered false.
+    // Keeps recording: the question goes away, and a pending quit is answered false.
     void dismissConfirmation();
 
     [[nodiscard]] Snapshot snapshot() const;
@@ -182,6 +186,7 @@ private:
     // After a first segment failed to start: removes the take when no footage exists.
     void discardEmptyTake();
     void setPhase(RecordingPhase phase);
+    void ask(Confirmation confirmation);
     // A quit still waiting for the user, once the take has ended some other way.
     void answerPendingQuit();
     void publish();

@@ -342,6 +342,58 @@ TEST(RecordingSession, ARecordedProcessCountsAsQuitOnceItExitsEvenBeforeItIsReap
     EXPECT_FALSE(internal::processRunning(child));
 }
 
+TEST(RecordingSession, RestartAndDiscardWaitForTheirConfirmation) {
+    Fixture f;
+    fs::create_directories(f.place.destination);
+    ::setenv("XDG_DATA_HOME", (f.place.temp / "data").c_str(), 1);  // the Trash
+    RecordingSession session(f.operations());
+    session.start(display(), f.preferences(0));
+    ASSERT_TRUE(session.waitFor(RecordingPhase::recording, 5s));
+    const std::optional<fs::path> first = session.snapshot().takeDirectory;
+    ASSERT_TRUE(first);
+
+    session.requestDiscard();
+    session.dismissConfirmation();  // changed their mind: nothing happens to the take
+    session.requestRestart();
+    const auto asked = [&] {
+        const auto deadline = std::chrono::steady_clock::now() + 5s;
+        while (session.snapshot().confirmation != RecordingSession::Confirmation::restart &&
+               std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(10ms);
+        }
+        return session.snapshot().confirmation == RecordingSession::Confirmation::restart;
+    };
+    ASSERT_TRUE(asked());
+    EXPECT_TRUE(fs::is_directory(*first));
+    EXPECT_EQ(session.snapshot().phase, RecordingPhase::recording);
+    session.confirm();
+    // The first take goes to the Trash and a new one of the same target records.
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!(session.snapshot().phase == RecordingPhase::recording &&
+             session.snapshot().takeDirectory && session.snapshot().takeDirectory != first) &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(10ms);
+    }
+    const RecordingSession::Snapshot second = session.snapshot();
+    ASSERT_EQ(second.phase, RecordingPhase::recording) << second.errorMessage;
+    ASSERT_TRUE(second.takeDirectory);
+    EXPECT_NE(second.takeDirectory, first);
+    EXPECT_FALSE(second.confirmation);
+    EXPECT_FALSE(fs::exists(*first));
+    EXPECT_TRUE(fs::is_directory(f.place.temp / "data/Trash/files" / first->filename()));
+    {
+        const std::lock_guard lock(f.mutex);
+        ASSERT_EQ(f.requests.size(), 2u);
+        EXPECT_EQ(f.requests[1].target, display());
+    }
+
+    session.requestDiscard();
+    session.confirm();
+    ASSERT_TRUE(session.waitFor(RecordingPhase::idle, 10s)) << session.snapshot().errorMessage;
+    EXPECT_FALSE(fs::exists(*second.takeDirectory));
+    EXPECT_TRUE(fs::is_empty(f.place.destination));  // nothing was published
+}
+
 TEST(RecordingSession, QuitAsksFirstAndAnswersOnceTheTakeIsSaved) {
     Fixture f;
     fs::create_directories(f.place.destination);

@@ -1,5 +1,6 @@
-// Quitting with a take running: the application asks first, and its answer waits until the
-// take is saved (or a minute passes), so that quitting never loses footage silently.
+// What the user is asked to confirm about a running take: discarding it, restarting it, or
+// quitting with it. Quitting's answer waits until the take is saved (or a minute passes), so
+// that quitting never loses footage silently.
 #include "engine/recording/session/RecordingSession.hpp"
 
 namespace tessarin::engine {
@@ -24,14 +25,55 @@ void RecordingSession::handleQuit(std::function<void(bool)> reply,
     });
 }
 
+void RecordingSession::requestDiscard() { queue_->post([this] { ask(Confirmation::discard); }); }
+
+void RecordingSession::requestRestart() { queue_->post([this] { ask(Confirmation::restart); }); }
+
+void RecordingSession::ask(Confirmation confirmation) {
+    const RecordingPhase phase = snapshot().phase;
+    if (phase != RecordingPhase::countdown && phase != RecordingPhase::recording &&
+        phase != RecordingPhase::paused) {
+        return;
+    }
+    {
+        const std::lock_guard lock(mutex_);
+        if (state_.confirmation == Confirmation::quit) {
+            return;  // the quit's question stands
+        }
+        state_.confirmation = confirmation;
+    }
+    publish();
+}
+
 void RecordingSession::confirm() {
     queue_->post([this] {
-        if (!quitReply_) {
-            return;
-        }
+        std::optional<Confirmation> pending;
         {
             const std::lock_guard lock(mutex_);
-            state_.confirmation.reset();
+            pending = std::exchange(state_.confirmation, std::nullopt);
+        }
+        if (pending == Confirmation::discard) {
+            doDiscard();
+            return;
+        }
+        if (pending == Confirmation::restart) {
+            const Snapshot before = snapshot();
+            doDiscard();
+            if (snapshot().phase != RecordingPhase::idle || !before.target ||
+                !before.activePreferences) {
+                return;  // the take could not be moved away: it stays, with the reason
+            }
+            uint64_t attempt = 0;
+            {
+                const std::lock_guard lock(mutex_);
+                attempt = ++sessionID_;
+            }
+            doStart(*before.target, *before.activePreferences, attempt);
+            return;
+        }
+        if (!quitReply_) {
+            publish();
+            return;
         }
         if (quitWatcher_.joinable()) {
             quitWatcher_.join();
