@@ -21,9 +21,9 @@ RecordingSessionModel::~RecordingSessionModel() {
         session_->stop();
     }
     handoff_->detach();
-    // A quit's watcher holds the session until the take settles: let it end first.
     (void)handoff_->waitUntilIdle(std::chrono::seconds(70));
-    session_.reset();  // saves a take still running, then joins its threads
+    // Saves a take still running, then joins its threads (a confirmed quit's watcher too).
+    session_.reset();
 }
 
 void RecordingSessionModel::deliverBackgroundResults() {

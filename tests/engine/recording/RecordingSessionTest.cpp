@@ -1,6 +1,7 @@
 // The session's phases with a capture that writes a ready-made segment per start (the platform
 // capture is the one thing replaced): countdown, pause and resume by segments, stop during the
-// countdown, a drive that fills up, and a take that can't be saved.
+// countdown, a drive that fills up, and a take that can't be saved; the monitors of the recorded
+// app and the microphone; discard, restart and quit with their confirmations.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
