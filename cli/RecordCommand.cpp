@@ -97,6 +97,14 @@ int runRecord(const RecordRequest& request) {
         }
         target.mode = engine::RecordingMode::window;
         target.windowID = static_cast<uint32_t>(*id);
+        // With a window manager listing it, the window's process is known: its quitting then
+        // ends the take with its own sentence.
+        for (const engine::X11Window& window : engine::X11Sources().windows()) {
+            if (window.id == *target.windowID) {
+                target.applicationPID = window.pid;
+                target.title = window.title;
+            }
+        }
     } else if (request.area) {
         const auto area = engine::parseRecordingArea(*request.area);
         if (!area) {

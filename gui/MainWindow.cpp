@@ -151,9 +151,6 @@ MainWindow::MainWindow(app::TessarinApp& app, QWidget* parent)
     connect(&app_.recordingSession(), &app::RecordingSessionModel::changed, this, [this] {
         app::RecordingSessionModel& recording = app_.recordingSession();
         record_->setEnabled(recording.available() && !recording.isLive());
-        if (quitAfterRecording_ && !recording.isLive()) {
-            close();
-        }
     });
     auto* preferences = new QShortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma), this);
     connect(preferences, &QShortcut::activated, this, &MainWindow::showSettings);
@@ -346,20 +343,6 @@ void MainWindow::showPendingIntake() {
     dialog->open();
 }
 
-RecordingRecoveryDialog* MainWindow::recordingRecoveryDialog() const {
-    return recoveryDialog_;
-}
-
-void MainWindow::offerRecordingRecovery() {
-    app::RecordingRecoveryModel& model = app_.recordingRecovery();
-    if (recoveryDialog_ || model.postponed() || model.unfinishedTakes().empty()) {
-        return;
-    }
-    recoveryDialog_ = new RecordingRecoveryDialog(model, this);
-    recoveryDialog_->setAttribute(Qt::WA_DeleteOnClose);
-    recoveryDialog_->open();
-}
-
 TrimEditorDialog* MainWindow::trimEditorDialog() const {
     return trimEditor_;
 }
@@ -447,23 +430,6 @@ SettingsWindow* MainWindow::showSettings() {
     return settingsWindow_;
 }
 
-RecordScreenDialog* MainWindow::recordScreenDialog() const { return recordDialog_; }
-
-void MainWindow::showRecordScreen() {
-    app::RecordingSessionModel& recording = app_.recordingSession();
-    if (!recording.available() || recording.isLive() || recordDialog_) {
-        return;
-    }
-    recordDialog_ = new RecordScreenDialog(recording.preferences(), this);
-    recordDialog_->setAttribute(Qt::WA_DeleteOnClose);
-    connect(recordDialog_, &QDialog::accepted, this, [this] {
-        app_.recordingSession().start(recordDialog_->target(), recordDialog_->preferences());
-        recordingToolbar_->show();
-        recordingToolbar_->raise();
-    });
-    recordDialog_->open();
-}
-
 SettingsWindow* MainWindow::showDesktopSettings() {
     SettingsWindow* window = showSettings();
     window->tabs()->setCurrentWidget(window->desktop());
@@ -471,20 +437,12 @@ SettingsWindow* MainWindow::showDesktopSettings() {
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
-    app::RecordingSessionModel& recording = app_.recordingSession();
-    if (recording.isLive()) {
-        // The take is stopped and saved first; the window closes once it is (at most a minute).
-        event->ignore();
-        if (!quitAfterRecording_) {
-            quitAfterRecording_ = true;
-            recording.handleQuit([this](bool settled) {
-                if (!settled) {
-                    quitAfterRecording_ = false;  // stays up, so the user can act
-                }
-            });
-        }
+    if (app_.recordingSession().isLive() && !recordingQuitApproved_) {
+        event->ignore();  // asked first; the take is stopped and saved before the window closes
+        askRecordingQuit();
         return;
     }
+    recordingQuitApproved_ = false;
     if (const auto decision = app_.quitDecision();
         decision != app::TessarinApp::QuitDecision::quitNow) {
         const QString title = QString::fromUtf8(

@@ -86,6 +86,8 @@ private:
     void showPendingIntake();
     void showFastCutReview();
     void offerRecordingRecovery();
+    // Quit with a take running: asks, then closes once the take is saved.
+    void askRecordingQuit();
     void updateTrim();
     void updateButtons();
     // The queue refused transcription for want of approval: the notice, and on approval the
@@ -116,7 +118,8 @@ private:
     QPointer<RecordScreenDialog> recordDialog_;
     RecordingToolbar* recordingToolbar_ = nullptr;
     QPushButton* record_ = nullptr;
-    bool quitAfterRecording_ = false;
+    QPointer<QMessageBox> recordingQuitAlert_;  // "Save the recording before quitting?"
+    bool recordingQuitApproved_ = false;  // the take is saved: the next close goes through
 };
 
 }  // namespace tessarin::gui

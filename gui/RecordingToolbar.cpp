@@ -34,6 +34,8 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     close_->setObjectName("closeRecording");
     discard_ = new QPushButton(tr("Discard…"), this);
     discard_->setObjectName("discardRecording");
+    restart_ = new QPushButton(tr("Restart…"), this);
+    restart_->setObjectName("restartRecording");
     addToQueue_ = new QPushButton(tr("Add to Queue"), this);
     addToQueue_->setObjectName("addRecordingToQueue");
     retry_ = new QPushButton(tr("Retry Saving"), this);
@@ -45,12 +47,36 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
     row->addStretch();
     row->addWidget(pauseResume_);
     row->addWidget(stop_);
+    row->addWidget(restart_);
     row->addWidget(discard_);
     row->addWidget(addToQueue_);
     row->addWidget(retry_);
     row->addWidget(reveal_);
     row->addWidget(close_);
+    layoutToggle_ = new QPushButton(this);
+    layoutToggle_->setObjectName("recordingLayoutToggle");
+    guideButton_ = new QPushButton(tr("?"), this);
+    guideButton_->setObjectName("recordingGuideButton");
+    guideButton_->setCheckable(true);
+    guideButton_->setToolTip(tr("How the recording controls work"));
+    guideButton_->setAccessibleName(tr("Recording guide"));
+    row->addWidget(guideButton_);
+    row->addWidget(layoutToggle_);
     layout->addLayout(row);
+    guide_ = new QLabel(this);
+    guide_->setObjectName("recordingGuide");
+    guide_->setWordWrap(true);
+    guide_->setText(
+        tr("Pause ends the current part and Resume starts the next; the pause is left out of "
+           "the file.\n"
+           "Stop saves the recording. Discard… asks, then moves it to the Trash.\n"
+           "The recording stops and is saved by itself when the source, the microphone or the "
+           "recorded app goes away, the drive fills up, or the computer goes to sleep.\n"
+           "If Tessarin stops unexpectedly, what was recorded is offered for recovery at the "
+           "next start (or with tessarin recordings recover).\n"
+           "From a terminal, tessarin record does the same: Ctrl-C stops and saves, SIGUSR1 "
+           "pauses, SIGUSR2 resumes."));
+    layout->addWidget(guide_);
     message_ = new QLabel(this);
     message_->setObjectName("recordingMessage");
     message_->setWordWrap(true);
@@ -65,19 +91,10 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         }
     });
     connect(stop_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::stop);
-    connect(discard_, &QPushButton::clicked, this, [this] {
-        QMessageBox ask(QMessageBox::Warning, tr("Discard this recording?"),
-                        tr("Discard this recording?"), QMessageBox::NoButton, this);
-        ask.setObjectName("discardRecordingAlert");
-        ask.setInformativeText(tr("The recording stops and its files go to the Trash."));
-        QPushButton* keep = ask.addButton(tr("Keep Recording"), QMessageBox::RejectRole);
-        QPushButton* discard = ask.addButton(tr("Discard"), QMessageBox::DestructiveRole);
-        ask.setDefaultButton(keep);
-        ask.exec();
-        if (ask.clickedButton() == discard) {
-            model_.discard();
-        }
-    });
+    connect(discard_, &QPushButton::clicked, &model_,
+            &app::RecordingSessionModel::requestDiscard);
+    connect(restart_, &QPushButton::clicked, &model_,
+            &app::RecordingSessionModel::requestRestart);
     connect(retry_, &QPushButton::clicked, &model_, &app::RecordingSessionModel::retrySaving);
     connect(reveal_, &QPushButton::clicked, this, [this] {
         if (const auto& folder = model_.snapshot().recoveryDirectory) {
@@ -94,8 +111,74 @@ RecordingToolbar::RecordingToolbar(app::RecordingSessionModel& model, QWidget* p
         model_.dismiss();
         hide();
     });
+    connect(layoutToggle_, &QPushButton::clicked, this, [this] {
+        setToolbarLayout(layout_ == Layout::expanded ? Layout::compact : Layout::expanded);
+    });
+    connect(guideButton_, &QPushButton::toggled, this, &RecordingToolbar::setShowingGuide);
     connect(&model_, &app::RecordingSessionModel::changed, this, &RecordingToolbar::refresh);
+    connect(&model_, &app::RecordingSessionModel::changed, this,
+            &RecordingToolbar::askConfirmation);
     refresh();
+}
+
+void RecordingToolbar::askConfirmation() {
+    using Confirmation = engine::RecordingSession::Confirmation;
+    const std::optional<Confirmation> pending = model_.snapshot().confirmation;
+    const bool ours = pending == Confirmation::discard || pending == Confirmation::restart;
+    if (!ours) {
+        if (question_) {
+            // Answered, replaced by the quit's question, or the take ended another way: closing
+            // it now must not answer for the user.
+            QObject::disconnect(question_, nullptr, this, nullptr);
+            question_->close();
+        }
+        return;
+    }
+    if (question_) {
+        return;
+    }
+    const bool restart = pending == Confirmation::restart;
+    auto* ask = new QMessageBox(QMessageBox::Warning, QString(), QString(), QMessageBox::NoButton,
+                                this);
+    ask->setAttribute(Qt::WA_DeleteOnClose);
+    ask->setObjectName(restart ? "restartRecordingAlert" : "discardRecordingAlert");
+    ask->setWindowTitle(restart ? tr("Restart this recording?") : tr("Discard this recording?"));
+    ask->setText(ask->windowTitle());
+    ask->setInformativeText(restart
+                                ? tr("The recording so far goes to the Trash and a new one starts.")
+                                : tr("The recording stops and its files go to the Trash."));
+    QPushButton* keep = ask->addButton(tr("Keep Recording"), QMessageBox::RejectRole);
+    keep->setObjectName("keepRecording");
+    QPushButton* accept = ask->addButton(restart ? tr("Restart") : tr("Discard"),
+                                         QMessageBox::DestructiveRole);
+    accept->setObjectName("confirmRecordingAlert");
+    ask->setDefaultButton(keep);
+    ask->setEscapeButton(keep);
+    connect(ask, &QMessageBox::finished, this, [this, ask, accept] {
+        if (ask->clickedButton() == accept) {
+            model_.confirm();
+        } else {
+            model_.dismissConfirmation();
+        }
+    });
+    question_ = ask;
+    ask->open();
+}
+
+void RecordingToolbar::setToolbarLayout(Layout layout) {
+    layout_ = layout;
+    if (layout == Layout::compact) {
+        setShowingGuide(false);
+    }
+    refresh();
+    adjustSize();
+}
+
+void RecordingToolbar::setShowingGuide(bool showing) {
+    showingGuide_ = showing;
+    guideButton_->setChecked(showing);
+    refresh();
+    adjustSize();
 }
 
 QString RecordingToolbar::timeText(double seconds) {
@@ -126,7 +209,6 @@ void RecordingToolbar::refresh() {
     close_->setVisible(ended);
     pauseResume_->setVisible(!ended);
     stop_->setVisible(!ended);
-    discard_->setVisible(!ended);
     discard_->setEnabled(phase == RecordingPhase::recording || paused ||
                          phase == RecordingPhase::countdown);
     addToQueue_->setVisible(phase == RecordingPhase::saved && snapshot.savedURL.has_value());
@@ -154,7 +236,19 @@ void RecordingToolbar::refresh() {
                     "to recover them at the next start.");
     }
     message_->setText(lines.join(QLatin1Char('\n')));
-    message_->setVisible(!lines.isEmpty());
+    // Compact keeps the time and the two buttons a take needs; a finished take shows its result.
+    const bool compact = layout_ == Layout::compact && !ended;
+    message_->setVisible(!lines.isEmpty() && !compact);
+    status_->setVisible(!compact);
+    discard_->setVisible(!ended && !compact);
+    restart_->setVisible(!ended && !compact);
+    restart_->setEnabled(discard_->isEnabled());
+    guideButton_->setVisible(!compact);
+    guide_->setVisible(showingGuide_ && !compact);
+    layoutToggle_->setVisible(!ended);
+    layoutToggle_->setText(compact ? tr("Expand") : tr("Compact"));
+    layoutToggle_->setAccessibleName(compact ? tr("Show all recording controls")
+                                             : tr("Show fewer recording controls"));
 }
 
 }  // namespace tessarin::gui

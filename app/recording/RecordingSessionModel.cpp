@@ -21,9 +21,9 @@ RecordingSessionModel::~RecordingSessionModel() {
         session_->stop();
     }
     handoff_->detach();
-    // A quit's watcher holds the session until the take settles: let it end first.
     (void)handoff_->waitUntilIdle(std::chrono::seconds(70));
-    session_.reset();  // saves a take still running, then joins its threads
+    // Saves a take still running, then joins its threads (a confirmed quit's watcher too).
+    session_.reset();
 }
 
 void RecordingSessionModel::deliverBackgroundResults() {
@@ -125,6 +125,18 @@ void RecordingSessionModel::discard() {
     }
 }
 
+void RecordingSessionModel::requestDiscard() {
+    if (session_) {
+        session_->requestDiscard();
+    }
+}
+
+void RecordingSessionModel::requestRestart() {
+    if (session_) {
+        session_->requestRestart();
+    }
+}
+
 void RecordingSessionModel::retrySaving() {
     if (session_) {
         session_->retrySaving();
@@ -143,13 +155,26 @@ void RecordingSessionModel::handleQuit(std::function<void(bool)> reply,
         reply(true);
         return;
     }
-    session_->stop();
-    engine::RecordingSession* session = session_.get();
-    // The wait runs on a worker; the model outlives it (its destructor waits for workers).
-    handoff_->start([session, limit, reply = std::move(reply)] {
-        const bool settled = session->waitUntilSettled(limit);
-        return MainThreadHandoff::Completion([reply, settled] { reply(settled); });
-    });
+    std::weak_ptr<MainThreadHandoff> handoff = handoff_;
+    session_->handleQuit(
+        [handoff, reply = std::move(reply)](bool mayQuit) {
+            if (const auto target = handoff.lock()) {
+                target->post([reply, mayQuit] { reply(mayQuit); });
+            }
+        },
+        limit);
+}
+
+void RecordingSessionModel::confirm() {
+    if (session_) {
+        session_->confirm();
+    }
+}
+
+void RecordingSessionModel::dismissConfirmation() {
+    if (session_) {
+        session_->dismissConfirmation();
+    }
 }
 
 }  // namespace tessarin::app

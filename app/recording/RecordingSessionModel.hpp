@@ -23,6 +23,13 @@ class RecordingSessionModel : public QObject {
 public:
     using OperationsFactory = std::function<engine::RecordingSessionOperations()>;
 
+    // The question asked when quitting with a take running.
+    static constexpr const char* kQuitAlertTitle = "Save the recording before quitting?";
+    static constexpr const char* kQuitAlertText =
+        "Tessarin will stop recording and finish saving the file before it quits.";
+    static constexpr const char* kQuitAlertSave = "Stop, Save and Quit";
+    static constexpr const char* kQuitAlertKeep = "Keep Recording";
+
     // `makeOperations` is called once, at the first start (empty: recording is unavailable).
     RecordingSessionModel(std::shared_ptr<engine::SettingsStore> settings,
                           OperationsFactory makeOperations, QObject* parent = nullptr);
@@ -45,14 +52,23 @@ public:
     void dismiss();
     // Ends the take and moves it to the Trash (the window asks first).
     void discard();
+    // The snapshot's `confirmation` becomes `discard` or `restart`; confirm() carries it out
+    // (a restart discards the take and records the same target anew), dismissConfirmation()
+    // keeps recording.
+    void requestDiscard();
+    void requestRestart();
     // A take that failed to save: join and publish it again.
     void retrySaving();
 
-    // Quit with a take running: stops it and answers true once it is saved or failed, false
-    // when that takes longer than `limit` (60 s), so the window stays up and the user can act.
-    // Not live: answers true at once. `reply` runs on the main thread.
+    // Quit with a take running: the snapshot's `confirmation` becomes `quit` and the window
+    // asks. confirm() stops and saves, and the reply says true once the take is saved or
+    // failed, false when that takes longer than `limit` (60 s), so the window stays up and the
+    // user can act; dismissConfirmation() keeps recording and answers false. Not live: answers
+    // true at once. `reply` runs on the main thread.
     void handleQuit(std::function<void(bool)> reply,
                     std::chrono::milliseconds limit = std::chrono::seconds(60));
+    void confirm();
+    void dismissConfirmation();
 
 signals:
     void changed();

@@ -5,6 +5,7 @@
 
 #include <QComboBox>
 #include <QLabel>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QScreen>
 #include <QSignalSpy>
@@ -100,7 +101,7 @@ TEST_F(RecordingWindowTest, RecordsAnAreaPausesResumesAndSaves) {
     EXPECT_TRUE(record->isEnabled());
 }
 
-TEST_F(RecordingWindowTest, ClosingWithATakeRunningSavesItBeforeTheWindowCloses) {
+TEST_F(RecordingWindowTest, ClosingWithATakeRunningAsksThenSavesBeforeTheWindowCloses) {
     app::RecordingSessionModel& model = core_->recordingSession();
     engine::RecordingPreferences preferences = model.preferences();
     preferences.systemAudio = false;
@@ -116,8 +117,26 @@ TEST_F(RecordingWindowTest, ClosingWithATakeRunningSavesItBeforeTheWindowCloses)
         << model.snapshot().errorMessage;
     QTest::qWait(1000);
     QSignalSpy saved(&model, &app::RecordingSessionModel::saved);
-    EXPECT_FALSE(window_->close());  // not yet: the take is saved first
+    const auto question = [&] { return window_->findChild<QMessageBox*>("recordingQuitAlert"); };
+    EXPECT_FALSE(window_->close());  // not yet: the user is asked first
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_EQ(question()->text(), "Save the recording before quitting?");
+    EXPECT_EQ(question()->informativeText(),
+              "Tessarin will stop recording and finish saving the file before it quits.");
+    // Keep Recording: nothing stops.
+    QTest::mouseClick(question()->findChild<QPushButton*>("keepRecording"), Qt::LeftButton);
+    QTest::qWait(300);
+    EXPECT_EQ(model.snapshot().phase, RecordingPhase::recording);
+    EXPECT_FALSE(model.snapshot().confirmation);
     EXPECT_TRUE(window_->isVisible());
+
+    EXPECT_FALSE(window_->close());
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    auto* save = question()->findChild<QPushButton*>("stopSaveAndQuit");
+    EXPECT_EQ(save->text(), "Stop, Save and Quit");
+    QTest::mouseClick(save, Qt::LeftButton);
     ASSERT_TRUE(waitUntil([&] { return !saved.isEmpty() && !window_->isVisible(); },
                           std::chrono::milliseconds(30000)));
     EXPECT_TRUE(fs::is_regular_file(saved.front().front().toString().toStdString()));
@@ -147,6 +166,75 @@ TEST(AreaPickerOverlay, ADragMarksTheAreaAndEscapeCancels) {
     QTest::keyClick(second, Qt::Key_Escape);
     EXPECT_EQ(cancelled.size(), 1);
     EXPECT_TRUE(none.isEmpty());
+}
+
+TEST_F(RecordingWindowTest, TheToolbarFoldsShowsAGuideAndAsksBeforeDiscarding) {
+    // A take counting down (no capture yet): the toolbar is up with all its controls.
+    app::RecordingSessionModel& model = core_->recordingSession();
+    engine::RecordingPreferences preferences = model.preferences();
+    preferences.systemAudio = false;
+    preferences.microphoneID.reset();
+    preferences.countdown = 10;
+    preferences.destinationPath = media_.path().string();
+    engine::RecordingTarget target;
+    target.mode = engine::RecordingMode::area;
+    target.area = engine::RecordingRect{0, 0, 320, 240};
+    model.start(target, preferences);
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::countdown; },
+                          std::chrono::milliseconds(5000)))
+        << model.snapshot().errorMessage;
+    RecordingToolbar* toolbar = window_->recordingToolbar();
+    toolbar->show();
+    const auto shown = [&](const char* name) {
+        auto* widget = toolbar->findChild<QWidget*>(name);
+        return widget != nullptr && widget->isVisible();
+    };
+    EXPECT_TRUE(shown("recordingStatus"));
+    EXPECT_FALSE(shown("recordingGuide"));
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("recordingGuideButton"), Qt::LeftButton);
+    ASSERT_TRUE(shown("recordingGuide"));
+    EXPECT_TRUE(toolbar->showingGuide());
+    EXPECT_TRUE(toolbar->findChild<QLabel*>("recordingGuide")->text().contains("SIGUSR1 pauses"));
+    const int expandedWidth = toolbar->sizeHint().width();
+
+    auto* toggle = toolbar->findChild<QPushButton*>("recordingLayoutToggle");
+    EXPECT_EQ(toggle->text(), "Compact");
+    QTest::mouseClick(toggle, Qt::LeftButton);
+    EXPECT_EQ(toolbar->toolbarLayout(), RecordingToolbar::Layout::compact);
+    for (const char* kept : {"recordingTime", "pauseResumeRecording", "stopRecording"}) {
+        EXPECT_TRUE(shown(kept)) << kept;
+    }
+    for (const char* folded :
+         {"recordingStatus", "discardRecording", "recordingGuide", "recordingGuideButton"}) {
+        EXPECT_FALSE(shown(folded)) << folded;
+    }
+    EXPECT_LT(toolbar->sizeHint().width(), expandedWidth);
+    EXPECT_EQ(toggle->text(), "Expand");
+    QTest::mouseClick(toggle, Qt::LeftButton);
+    EXPECT_TRUE(shown("recordingStatus"));
+    EXPECT_TRUE(shown("discardRecording"));
+    EXPECT_FALSE(shown("recordingGuide"));  // folding closed it
+
+    // Discard… asks; Keep Recording leaves the take be, Discard ends it.
+    const auto question = [&] {
+        return toolbar->findChild<QMessageBox*>("discardRecordingAlert");
+    };
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("discardRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_EQ(question()->text(), "Discard this recording?");
+    QTest::mouseClick(question()->findChild<QPushButton*>("keepRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return !model.snapshot().confirmation; },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_EQ(model.snapshot().phase, RecordingPhase::countdown);
+    QTest::mouseClick(toolbar->findChild<QPushButton*>("discardRecording"), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return question() && question()->isVisible(); },
+                          std::chrono::milliseconds(5000)));
+    QTest::mouseClick(question()->findChild<QPushButton*>("confirmRecordingAlert"),
+                      Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return model.snapshot().phase == RecordingPhase::idle; },
+                          std::chrono::milliseconds(5000)));
+    EXPECT_FALSE(toolbar->isVisible());
 }
 
 TEST(RecordingToolbar, TimeReadsMinutesAndSecondsThenHours) {

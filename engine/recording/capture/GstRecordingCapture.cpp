@@ -6,16 +6,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
-#include <future>
 #include <mutex>
 #include <thread>
 
 #include "engine/log/Log.hpp"
 #include "engine/recording/RecordingError.hpp"
 #include "engine/recording/capture/GstSegmentEncoder.hpp"
+#include "engine/recording/capture/RecordingCaptureEvents.hpp"
 #include "engine/recording/capture/RecordingSampleWriter.hpp"
 #include "engine/recording/capture/SerialQueue.hpp"
 #include "engine/recording/capture/X11ConnectionLoss.hpp"
@@ -28,8 +27,14 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 constexpr auto kStartDeadline = 10s;
-constexpr auto kStopTeardownDeadline = 5s;
+// How long stopping waits for the stream to be down and for the file to be finished.
+constexpr auto kEventDeadline = 30s;
+// How long a refused start waits for the bus to say why.
+constexpr auto kStartFailureDeadline = 2s;
 constexpr auto kTrackCatchUpDeadline = 1500ms;
+
+using Event = RecordingCaptureEvents::Event;
+using EventResult = RecordingCaptureEvents::Result;
 
 std::string windowClosedMessage(RecordingMode mode) {
     if (mode == RecordingMode::window) {
@@ -65,11 +70,10 @@ struct Shared {
     std::atomic<int64_t> epoch{-1};
     std::atomic<int64_t> lastVideoPTS{-1};
 
+    RecordingCaptureEvents events;
+
     std::mutex mutex;  // guards the fields below
-    std::condition_variable changed;
-    bool started = false;
-    std::optional<std::string> startFailure;
-    std::optional<std::string> writerFailure;
+    bool started = false;  // the first frame is in the file: bus errors now interrupt the take
     std::function<void(std::optional<std::string>)> onInterruption;
     bool interruptionDelivered = false;
 
@@ -184,18 +188,17 @@ public:
         callbacks.onStarted = [weak](int64_t epoch) {
             if (auto shared = weak.lock()) {
                 shared->epoch.store(epoch);
-                const std::lock_guard lock(shared->mutex);
-                shared->started = true;
-                shared->changed.notify_all();
+                {
+                    const std::lock_guard lock(shared->mutex);
+                    shared->started = true;
+                }
+                shared->events.complete(Event::started, EventResult::success());
             }
         };
         callbacks.onFailure = [weak](const std::string& message) {
             if (auto shared = weak.lock()) {
-                {
-                    const std::lock_guard lock(shared->mutex);
-                    shared->writerFailure = message;
-                    shared->changed.notify_all();
-                }
+                // Before the first frame this fails the start; after it, it ends the take.
+                shared->events.complete(Event::started, EventResult::failure(message));
                 shared->interrupt(message);
             }
         };
@@ -222,25 +225,21 @@ public:
         lossesAtStart_ = x11ConnectionLosses();
         startBusThread();
         if (gst_element_set_state(pipeline_, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-            waitForStartFailure();
-            throw std::runtime_error(startFailureText());
+            const EventResult refused = shared_->events.wait(Event::started, kStartFailureDeadline);
+            throw std::runtime_error("Screen sources could not be loaded. " +
+                                     (refused.kind == EventResult::Kind::failed
+                                          ? refused.message
+                                          : std::string("The capture pipeline did not start.")));
         }
-        std::unique_lock lock(shared_->mutex);
-        const bool answered = shared_->changed.wait_for(lock, kStartDeadline, [&] {
-            return shared_->started || shared_->startFailure || shared_->writerFailure;
-        });
-        if (shared_->started) {
+        const EventResult started = shared_->events.wait(Event::started, kStartDeadline);
+        if (started.kind == EventResult::Kind::succeeded) {
             return;
         }
-        const std::string reason = shared_->writerFailure   ? *shared_->writerFailure
-                                   : shared_->startFailure ? *shared_->startFailure
-                                                            : std::string();
-        lock.unlock();
         teardown();
-        if (!answered) {
+        if (started.kind == EventResult::Kind::timedOut) {
             throw RecordingError(RecordingError::Case::timedOut);
         }
-        throw std::runtime_error("Screen sources could not be loaded. " + reason);
+        throw std::runtime_error("Screen sources could not be loaded. " + started.message);
     }
 
     double stop() override {
@@ -259,25 +258,33 @@ public:
             std::this_thread::sleep_for(20ms);
         }
         const bool tornDown = teardown();
-        double duration = 0;
-        std::string failure;
-        nlohmann::json report;
-        shared_->queue->sync([&] {
-            try {
-                duration = shared_->writer->finish(streamEnded_ ? "stream-ended" : "requested-stop");
-            } catch (const std::exception& error) {
-                failure = error.what();
-            }
-            report = shared_->writer->report();
-        });
-        writeReport(report);
-        if (!failure.empty()) {
-            throw std::runtime_error(failure);
-        }
         if (!tornDown) {
             Logger("com.tessarin.recording", "capture").notice("teardown=abandoned");
         }
-        return duration;
+        // The writer's queue outlives this capture when finishing takes too long (see below),
+        // so the task holds Shared by plain pointer and never drops the last reference there.
+        Shared* shared = shared_.get();
+        shared_->queue->post([shared, endReason = streamEnded_ ? "stream-ended" : "requested-stop",
+                              reportPath = reportPath()] {
+            EventResult result;
+            try {
+                result = EventResult::success(shared->writer->finish(endReason));
+            } catch (const std::exception& error) {
+                result = EventResult::failure(error.what());
+            }
+            writeReport(reportPath, shared->writer->report());
+            shared->events.complete(Event::finished, std::move(result));
+        });
+        const EventResult finished = shared_->events.wait(Event::finished, kEventDeadline);
+        if (finished.kind == EventResult::Kind::timedOut) {
+            // Let the finish end on its own; this thread doesn't wait for it any longer.
+            std::thread([held = shared_] { held->queue->sync([] {}); }).detach();
+            throw RecordingError(RecordingError::Case::timedOut);
+        }
+        if (finished.kind != EventResult::Kind::succeeded) {
+            throw std::runtime_error(finished.message);
+        }
+        return finished.duration;
     }
 
     [[nodiscard]] RecordingSize outputSize() const override { return size_; }
@@ -358,10 +365,11 @@ private:
                     GST_MESSAGE_SRC(message) != nullptr ? GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) : "";
                 gst_message_unref(message);
                 {
-                    const std::lock_guard lock(shared_->mutex);
+                    std::unique_lock lock(shared_->mutex);
                     if (!shared_->started) {
-                        shared_->startFailure = text.empty() ? "The capture stream ended." : text;
-                        shared_->changed.notify_all();
+                        lock.unlock();
+                        shared_->events.rejectStart(text.empty() ? "The capture stream ended."
+                                                                 : text);
                         continue;
                     }
                 }
@@ -397,17 +405,6 @@ private:
         }
     }
 
-    void waitForStartFailure() {
-        std::unique_lock lock(shared_->mutex);
-        shared_->changed.wait_for(lock, 2s, [&] { return shared_->startFailure.has_value(); });
-    }
-
-    std::string startFailureText() {
-        const std::lock_guard lock(shared_->mutex);
-        return "Screen sources could not be loaded. " +
-               shared_->startFailure.value_or("The capture pipeline did not start.");
-    }
-
     // Stops the capture pipeline. A source whose thread is stuck (an X server that went away
     // parks it) can't be joined: the pipeline is then left behind rather than hanging the take.
     bool teardown() {
@@ -420,19 +417,21 @@ private:
         if (source_.usesX11 && x11ConnectionLosses() != lossesAtStart_) {
             return false;  // deliberately not unreferenced: its parked thread still uses it
         }
-        auto done = std::make_shared<std::promise<void>>();
-        std::future<void> finished = done->get_future();
-        std::thread([pipeline, done] {
+        std::thread([pipeline, shared = shared_] {
             gst_element_set_state(pipeline, GST_STATE_NULL);
             gst_object_unref(pipeline);
-            done->set_value();
+            shared->events.complete(Event::stopped, EventResult::success());
         }).detach();
-        return finished.wait_for(kStopTeardownDeadline) == std::future_status::ready;
+        return shared_->events.wait(Event::stopped, kEventDeadline).kind ==
+               EventResult::Kind::succeeded;
     }
 
-    void writeReport(const nlohmann::json& report) const {
-        const fs::path path = request_.url.parent_path() /
-                              (".tessarin-" + request_.url.stem().string() + ".report.json");
+    fs::path reportPath() const {
+        return request_.url.parent_path() /
+               (".tessarin-" + request_.url.stem().string() + ".report.json");
+    }
+
+    static void writeReport(const fs::path& path, const nlohmann::json& report) {
         std::ofstream out(path, std::ios::trunc);
         out << report.dump(2) << "\n";
         if (!out) {

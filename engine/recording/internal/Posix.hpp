@@ -32,4 +32,7 @@ namespace tessarin::engine::internal {
 // systems without ACLs have none. 0, EACCES, or the errno of the ACL call.
 [[nodiscard]] int aclGrantsNothing(int fd);
 
+// Whether process `pid` runs: false once it exited, even before its parent reaped it.
+[[nodiscard]] bool processRunning(int pid);
+
 }  // namespace tessarin::engine::internal

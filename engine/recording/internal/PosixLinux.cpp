@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <fstream>
 #include <memory>
 #include <string>
 
@@ -102,6 +103,22 @@ int aclGrantsNothing(int fd) {
         return aclUnsupported(errno) ? 0 : errno;
     }
     return namedEntriesGrantNothing(defaults.get());
+}
+
+bool processRunning(int pid) {
+    if (pid <= 0) {
+        return false;
+    }
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line)) {
+        return false;
+    }
+    // "pid (name) state …": the name may hold anything, so the state follows the last ')'. An
+    // exited process not yet reaped is a zombie ("Z"); one being torn down is "X".
+    const std::size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z' &&
+           line[close + 2] != 'X';
 }
 
 }  // namespace tessarin::engine::internal

@@ -50,6 +50,7 @@ RecordingSession::~RecordingSession() {
     sleepWatch_.reset();  // no more posts from the watcher's thread
     stop();
     (void)waitUntilSettled(std::chrono::minutes(1));
+    queue_->post([this] { microphoneWatch_.reset(); });
     {
         const std::lock_guard lock(mutex_);
         closing_ = true;
@@ -57,6 +58,9 @@ RecordingSession::~RecordingSession() {
     changed_.notify_all();
     monitor_.join();
     queue_.reset();  // runs what is queued, then joins
+    if (quitWatcher_.joinable()) {
+        quitWatcher_.join();
+    }
 }
 
 void RecordingSession::select() {
@@ -219,9 +223,16 @@ void RecordingSession::setPhase(RecordingPhase phase) {
             state_.elapsed = completedDuration_ + capture_->runningTime();
         }
         state_.phase = phase;
+        if (!isLive(phase)) {
+            state_.confirmation.reset();  // nothing left to discard, restart or stop
+        }
     }
     sessionLog().info(fmt::format("phase={}", recordingPhaseName(phase)));
     changed_.notify_all();
+    if (!isLive(phase)) {
+        microphoneWatch_.reset();  // the monitors end with the take
+    }
+    answerPendingQuit();
     publish();
 }
 
@@ -410,7 +421,19 @@ void RecordingSession::beginCapture(uint64_t attempt) {
             return;
         }
     }
+    watchMicrophone(attempt);
     setPhase(RecordingPhase::recording);
+}
+
+void RecordingSession::watchMicrophone(uint64_t attempt) {
+    const std::optional<RecordingPreferences> preferences = snapshot().activePreferences;
+    if (!operations_.watchMicrophone || !preferences || !preferences->microphoneID) {
+        return;
+    }
+    // Called on the watcher's thread: only queue the work.
+    microphoneWatch_ = operations_.watchMicrophone(*preferences->microphoneID, [this, attempt] {
+        queue_->post([this, attempt] { interrupt(kMicrophoneDisconnectedSentence, attempt); });
+    });
 }
 
 void RecordingSession::discardEmptyTake() {

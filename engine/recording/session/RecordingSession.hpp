@@ -57,6 +57,9 @@ enum class RecordingPhase {
 [[nodiscard]] std::string sourceGoneSentence(RecordingMode mode);
 
 inline constexpr const char* kGoingToSleepSentence = "The computer is going to sleep.";
+inline constexpr const char* kMicrophoneDisconnectedSentence =
+    "The selected microphone disconnected. Tessarin did not switch to another microphone.";
+inline constexpr const char* kApplicationQuitSentence = "The selected app quit.";
 
 inline constexpr const char* kLiveSessionReason =
     "Stop capture before starting or recovering another take.";
@@ -77,6 +80,13 @@ struct RecordingSessionOperations {
     // Calls its argument (from any thread) when the computer is about to sleep, for as long as
     // the returned handle lives. Empty: not watched.
     std::function<std::shared_ptr<void>(std::function<void()>)> watchSleep;
+    // Calls its second argument (from any thread) when the microphone named by the first leaves
+    // the sound server's device list, for as long as the returned handle lives. Empty: not
+    // watched.
+    std::function<std::shared_ptr<void>(const std::string&, std::function<void()>)>
+        watchMicrophone;
+    // Whether the recorded window's process still runs. Empty: not watched.
+    std::function<bool(int32_t pid)> applicationRunning;
     int64_t lowSpaceBytes = kDefaultLowSpaceBytes;
     std::set<uint32_t> excludedWindowIDs;
 
@@ -87,6 +97,9 @@ struct RecordingSessionOperations {
 
 class RecordingSession {
 public:
+    // What the window is asking the user to confirm.
+    enum class Confirmation { restart, discard, quit };
+
     struct Snapshot {
         RecordingPhase phase = RecordingPhase::idle;
         std::optional<RecordingTarget> target;
@@ -102,6 +115,7 @@ public:
         bool needsStopRetry = false;
         int64_t segmentIndex = 0;
         std::optional<RecordingPreferences> activePreferences;
+        std::optional<Confirmation> confirmation;
     };
     using Listener = std::function<void(const Snapshot&)>;
 
@@ -129,6 +143,22 @@ public:
     // session fails with the sentence that says so.
     void discard();
 
+    // The application wants to quit. Not live: `reply(true)` at once. Live: `confirmation`
+    // becomes `quit` and the reply waits for confirm() or dismissConfirmation(). Confirming
+    // stops and saves; the reply then says true once the phase leaves the live range, or false
+    // when that takes longer than `limit`, so the application stays up and the user can act.
+    // `reply` is called on a session thread.
+    void handleQuit(std::function<void(bool)> reply,
+                    std::chrono::milliseconds limit = std::chrono::seconds(60));
+    // From countdown, recording or paused: `confirmation` becomes `discard` or `restart`.
+    void requestDiscard();
+    void requestRestart();
+    // Accepts the pending confirmation: discard (as discard()), restart (discard, then start the
+    // same target with the same preferences anew), or quit (above).
+    void confirm();
+    // Keeps recording: the question goes away, and a pending quit is answered false.
+    void dismissConfirmation();
+
     [[nodiscard]] Snapshot snapshot() const;
     // Waits until the phase is not live (or `timeout` passes); whether it settled.
     [[nodiscard]] bool waitUntilSettled(std::chrono::milliseconds timeout) const;
@@ -139,6 +169,8 @@ public:
 private:
     void doStart(RecordingTarget target, RecordingPreferences preferences, uint64_t attempt);
     void beginCapture(uint64_t attempt);
+    // Arms the microphone monitor for the take `attempt` (on the queue).
+    void watchMicrophone(uint64_t attempt);
     void doPause();
     void doResume();
     void doStop(std::optional<std::string> interruption);
@@ -154,6 +186,9 @@ private:
     // After a first segment failed to start: removes the take when no footage exists.
     void discardEmptyTake();
     void setPhase(RecordingPhase phase);
+    void ask(Confirmation confirmation);
+    // A quit still waiting for the user, once the take has ended some other way.
+    void answerPendingQuit();
     void publish();
     void monitor();
 
@@ -172,9 +207,15 @@ private:
     // Touched only on the session queue.
     std::optional<RecordingFiles> files_;
 
+    // Touched only on the session queue.
+    std::function<void(bool)> quitReply_;
+    std::chrono::milliseconds quitLimit_{0};
+    std::thread quitWatcher_;  // waits for the take to settle after a confirmed quit
+
     std::unique_ptr<SerialQueue> queue_;
     std::thread monitor_;
     std::shared_ptr<void> sleepWatch_;  // released first, before the queue goes
+    std::shared_ptr<void> microphoneWatch_;  // touched only on the queue; armed while live
 };
 
 }  // namespace tessarin::engine

@@ -1,5 +1,6 @@
-// The session's monitor thread: the countdown's seconds, the recorded time, and the drive and
-// the source polled while a take runs. What it finds is queued to the session like a command.
+// The session's monitor thread: the countdown's seconds, the recorded time, and the drive, the
+// source and the recorded window's process polled while a take runs. What it finds is queued to
+// the session like a command.
 #include "engine/recording/RecordingError.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
 
@@ -56,7 +57,14 @@ void RecordingSession::monitor() {
                     queue_->post([this, text, attempt] { interrupt(text, attempt); });
                 }
             }
-            if (now >= nextSource && operations_.sourceAvailability && target) {
+            const bool watchesApplication =
+                target && target->applicationPID && operations_.applicationRunning &&
+                (target->mode == RecordingMode::window || target->mode == RecordingMode::app);
+            if (now >= nextSource && watchesApplication &&
+                !operations_.applicationRunning(*target->applicationPID)) {
+                nextSource = now + 1s;
+                queue_->post([this, attempt] { interrupt(kApplicationQuitSentence, attempt); });
+            } else if (now >= nextSource && operations_.sourceAvailability && target) {
                 nextSource = now + 1s;
                 if (!operations_.sourceAvailability(*target)) {
                     const std::string text = sourceGoneSentence(target->mode);

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "engine/recording/RecordingNamespace.hpp"
+#include "engine/recording/internal/Posix.hpp"
 #include "engine/recording/capture/PulseSources.hpp"
 #include "engine/recording/capture/X11Sources.hpp"
 #include "engine/recording/session/RecordingSession.hpp"
@@ -50,6 +51,10 @@ RecordingSessionOperations RecordingSessionOperations::platform(RecordingWork wo
     operations.microphoneAvailable = [](const std::string& id) {
         return boundedCheck([id] { return pulseSourceAvailable(id); }, 3000ms);
     };
+    operations.watchMicrophone = [](const std::string& id, std::function<void()> onGone) {
+        return watchPulseSource(id, std::move(onGone));
+    };
+    operations.applicationRunning = [](int32_t pid) { return internal::processRunning(pid); };
     auto probe = std::make_shared<RecordingStorageProbe>();
     operations.storageCheck = [probe](const std::filesystem::path& folder) {
         return probe->status(folder, /*strict=*/false).get();
