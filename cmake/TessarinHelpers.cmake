@@ -55,6 +55,10 @@ function(tessarin_add_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})
   _tessarin_common(${name})
+  if(TESSARIN_UNITY)
+    # Batches of a library's files compiled as one, parsing shared headers once.
+    set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 8)
+  endif()
   target_link_libraries(${name} PUBLIC ${ARG_DEPS})
 endfunction()
 

@@ -11,12 +11,13 @@ shift || true
 case "$kind" in
   release) options=(-DCMAKE_BUILD_TYPE=RelWithDebInfo) ;;
   # clang, so the same tree builds the libFuzzer targets the test run uses. Line tables are all
-  # the sanitizers' reports need, and build and link faster than full debug information.
+  # the sanitizers' reports need, and build and link faster than full debug information; the
+  # libraries are compiled in batches (the release tree keeps one file per compile).
   asan) options=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_SANITIZE=address
-                 -DCMAKE_CXX_FLAGS_DEBUG=-gline-tables-only -DTESSARIN_WERROR=ON) ;;
+                 -DCMAKE_CXX_FLAGS_DEBUG=-gline-tables-only -DTESSARIN_UNITY=ON -DTESSARIN_WERROR=ON) ;;
   # The thread-sanitizer tree runs the concurrency tests only; the window isn't among them.
   tsan) options=(-DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_COMPILER=clang++ -DTESSARIN_SANITIZE=thread
-                 -DCMAKE_CXX_FLAGS_DEBUG=-gline-tables-only -DTESSARIN_WERROR=ON
+                 -DCMAKE_CXX_FLAGS_DEBUG=-gline-tables-only -DTESSARIN_UNITY=ON -DTESSARIN_WERROR=ON
                  -DTESSARIN_BUILD_BENCH=OFF -DTESSARIN_BUILD_GUI=OFF) ;;
   *) echo "usage: scripts/build.sh [release|asan|tsan] [targets...]" >&2; exit 2 ;;
 esac
