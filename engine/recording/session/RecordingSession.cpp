@@ -138,12 +138,7 @@ void RecordingSession::doDiscard() {
     if (now.phase != RecordingPhase::recording && now.phase != RecordingPhase::paused) {
         return;
     }
-    setPhase(RecordingPhase::finishing);
-    std::shared_ptr<RecordingCaptureControlling> capture;
-    {
-        const std::lock_guard lock(mutex_);
-        capture = std::exchange(capture_, nullptr);
-    }
+    const std::shared_ptr<RecordingCaptureControlling> capture = beginFinishing();
     if (capture) {
         try {
             (void)capture->stop();
@@ -519,6 +514,12 @@ void RecordingSession::interrupt(std::string message, uint64_t attempt) {
     doStop(std::move(message));
 }
 
+std::shared_ptr<RecordingCaptureControlling> RecordingSession::beginFinishing() {
+    setPhase(RecordingPhase::finishing);
+    const std::lock_guard lock(mutex_);
+    return std::exchange(capture_, nullptr);
+}
+
 void RecordingSession::doStop(std::optional<std::string> interruption) {
     const Snapshot now = snapshot();
     if (now.phase == RecordingPhase::countdown) {
@@ -529,12 +530,7 @@ void RecordingSession::doStop(std::optional<std::string> interruption) {
     if (now.phase != RecordingPhase::recording && now.phase != RecordingPhase::paused) {
         return;
     }
-    setPhase(RecordingPhase::finishing);
-    std::shared_ptr<RecordingCaptureControlling> capture;
-    {
-        const std::lock_guard lock(mutex_);
-        capture = std::exchange(capture_, nullptr);
-    }
+    const std::shared_ptr<RecordingCaptureControlling> capture = beginFinishing();
     std::string captureFailure;
     if (capture) {
         try {

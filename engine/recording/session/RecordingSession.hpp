@@ -175,6 +175,8 @@ private:
     void doResume();
     void doStop(std::optional<std::string> interruption);
     void doDiscard();
+    // Enters the finishing phase and takes the running capture (null when none) to stop it.
+    std::shared_ptr<RecordingCaptureControlling> beginFinishing();
     void finalize(const std::string& captureFailure);
     void doCountdownTick(uint64_t attempt);
     void interrupt(std::string message, uint64_t attempt);
